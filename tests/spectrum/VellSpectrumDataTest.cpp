@@ -1,10 +1,12 @@
 // Spectrum data: raw and reduced copies, decibel hand-out, paths and drawing into Cairo.
 #include "VellAudio/VellSpectrumData.h"
+#include "VellAudio/VellSpectrumImage.h"
 
 #include <gtest/gtest.h>
 
 #include <cairo.h>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <numeric>
@@ -213,4 +215,36 @@ TEST(VellSpectrumDataTest, StereoDrawingOffsetsTheQuieterSideByPan)
                       false);
     EXPECT_NEAR(panned.rowsWithColour(50, kRed).front(), 80, 1);
     EXPECT_TRUE(panned.rowsWithColour(50, kBlue).empty());
+}
+
+TEST(VellSpectrumImageTest, WritesPngAndSvgAndRefusesOtherNames)
+{
+    VellSpectrumData data(kLength, 44100);
+    std::fill_n(data.leftData(), kLength, 1.0f);
+    const auto dir = std::filesystem::temp_directory_path() / "vell-spectrum-image-test";
+    std::filesystem::create_directories(dir);
+
+    SpectrumImageOptions options;
+    options.width = 320;
+    options.height = 120;
+    options.caption = "test";
+    Error error;
+    ASSERT_TRUE(writeSpectrumImage(data, dir / "s.png", options, &error)) << error.description();
+    cairo_surface_t* png = cairo_image_surface_create_from_png((dir / "s.png").c_str());
+    EXPECT_EQ(cairo_surface_status(png), CAIRO_STATUS_SUCCESS);
+    EXPECT_EQ(cairo_image_surface_get_width(png), 320);
+    EXPECT_EQ(cairo_image_surface_get_height(png), 120);
+    cairo_surface_destroy(png);
+
+    options.stereo = true;
+    ASSERT_TRUE(writeSpectrumImage(data, dir / "s.SVG", options, &error));
+    EXPECT_GT(std::filesystem::file_size(dir / "s.SVG"), 1000u);
+
+    EXPECT_FALSE(writeSpectrumImage(data, dir / "s.jpg", options, &error));
+    EXPECT_EQ(error.domain(), kVellErrorDomain);
+    EXPECT_NE(error.localizedFailureReason()->find(".png or .svg"), std::string::npos);
+    EXPECT_FALSE(writeSpectrumImage(data, dir / "missing-dir" / "s.png", options, &error));
+    options.width = 0;
+    EXPECT_FALSE(writeSpectrumImage(data, dir / "t.png", options, &error));
+    std::filesystem::remove_all(dir);
 }
