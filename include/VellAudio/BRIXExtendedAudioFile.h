@@ -15,6 +15,10 @@
 
 namespace vell {
 
+namespace detail {
+class AudioFileDecoder;
+}
+
 /// Decodes any common audio format (MP3, AAC and ALAC in MP4, FLAC, WAV, AIFF, Ogg Vorbis, Opus)
 /// at open. The client format is non-interleaved float at the file's own sample rate with two
 /// channels (mono duplicated, more than two folded down). Frame counts are exact: encoder delay
@@ -34,8 +38,9 @@ public:
                                                          Error* outError = nullptr,
                                                          ProgressCallback progress = {});
 
-    /// Wraps samples already in memory (one vector per channel, equal lengths). For synthetic
-    /// audio and tests.
+    /// Wraps samples already in memory (one vector per channel, up to 8; channels longer than
+    /// the shortest are cut to it). Keeps the channel count given. For synthetic audio and
+    /// tests. Returns null for a sample rate that is not positive or more than 8 channels.
     static std::unique_ptr<BRIXExtendedAudioFile> createWithSamples(
         std::vector<std::vector<float>> channels, double sampleRate);
 
@@ -67,32 +72,40 @@ public:
     /// The decoded samples of one channel. Thread: any, including render. Wait-free.
     std::span<const float> channelData(std::uint32_t channel) const noexcept
     {
-        return channel < mChannels.size() ? std::span<const float>(mChannels[channel])
-                                          : std::span<const float>();
+        return channel < mChannels.size()
+                   ? std::span<const float>(mChannels[channel], std::size_t(mFrameCount))
+                   : std::span<const float>();
     }
 
-    /// Moves the read position. Frames outside [0, frameCount] fail with false.
+    /// Moves the read position. Frames outside [0, frameCount] fail with false and leave it.
     bool seekToFrame(Frame frame) noexcept;
     Frame currentFrame() const noexcept { return mReadFrame; }
 
-    /// Reads up to the capacity of ioData's buffers (mDataByteSize / 4 frames) starting at
-    /// startFrame into its non-interleaved float buffers, sets mDataByteSize to what was
-    /// written, reports the frames read (fewer at the end of the file, 0 past it) and moves the
-    /// read position past them. Returns false for a bad start frame or buffer list.
+    /// Reads up to the capacity of ioData's buffers (the smallest mDataByteSize / 4 frames)
+    /// starting at startFrame into its non-interleaved float buffers, sets mDataByteSize to what
+    /// was written, reports the frames read (fewer at the end of the file, 0 at or past it) and
+    /// moves the read position past them. Buffers beyond the file's channels get its last
+    /// channel. Returns false (and reads nothing) for a negative start frame or a bad buffer
+    /// list (no buffers, more than kMaxBuffers, or a null buffer). Wait-free, no allocation.
     bool readIntoAudioBufferList(AudioBufferList* ioData, Frame startFrame,
                                  std::uint32_t* outFramesRead) noexcept;
 
 private:
-    BRIXExtendedAudioFile() = default;
+    struct Storage;
+
+    BRIXExtendedAudioFile();
 
     std::filesystem::path mPath;
-    std::vector<std::vector<float>> mChannels;
+    /// Owns the samples (vectors handed in, or the decoder's buffers).
+    std::unique_ptr<Storage> mStorage;
+    /// One pointer per client channel, each to mFrameCount samples (channels may share one).
+    std::vector<const float*> mChannels;
     Frame mFrameCount = 0;
     double mSampleRate = 0;
     Frame mReadFrame = 0;
     SourceFormat mSourceFormat;
 
-    friend class BRIXExtendedAudioFileDecoder;
+    friend class detail::AudioFileDecoder;
 };
 
 } // namespace vell

@@ -1,0 +1,734 @@
+// Decodes an audio file with FFmpeg (libavformat, libavcodec, libswresample) into memory.
+#include "audio/file/AudioFileDecoder.h"
+
+#include "audio/file/AudioFileStorage.h"
+#include "support/Format.h"
+#include "support/Log.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/avstring.h>
+#include <libswresample/swresample.h>
+}
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <string_view>
+
+namespace vell::detail {
+
+namespace {
+
+inline constexpr std::string_view kBadAudioFile = "Bad Audio File";
+inline constexpr std::string_view kReasonMissing = "The file does not exist.";
+inline constexpr std::string_view kReasonUnreadable = "The file could not be read.";
+inline constexpr std::string_view kReasonEmpty = "The file is empty.";
+inline constexpr std::string_view kReasonNotAudio = "The file is not an audio file.";
+inline constexpr std::string_view kReasonNoAudio = "The file contains no audio.";
+inline constexpr std::string_view kReasonDamaged = "The file is incomplete or damaged.";
+inline constexpr std::string_view kReasonTooLarge = "The file is too large to load.";
+inline constexpr std::string_view kReasonCancelled = "Loading the file was cancelled.";
+
+/// The demuxers an audio file may be read with. Playlists, concatenation scripts and anything
+/// that opens further files or network resources stay out.
+constexpr const char* kFormatWhitelist = "mp3,mov,flac,wav,aiff,ogg,aac,matroska,caf";
+/// The decoders of the formats above.
+constexpr const char* kCodecWhitelist =
+    "mp3float,mp3,mp2float,mp2,aac,aac_fixed,aac_latm,alac,flac,vorbis,libvorbis,opus,libopus,"
+    "pcm_s8,pcm_u8,pcm_s16le,pcm_s16be,pcm_u16le,pcm_u16be,pcm_s24le,pcm_s24be,pcm_u24le,"
+    "pcm_u24be,pcm_s32le,pcm_s32be,pcm_u32le,pcm_u32be,pcm_f32le,pcm_f32be,pcm_f64le,pcm_f64be,"
+    "pcm_alaw,pcm_mulaw,pcm_s64le,pcm_s64be,adpcm_ima_qt,adpcm_ima_wav,adpcm_ms,gsm_ms";
+
+constexpr int kMinSampleRate = 8000;
+constexpr int kMaxSampleRate = 384000;
+constexpr int kMaxChannels = 8;
+
+/// The first reservation is capped so a header claiming hours cannot reserve gigabytes of
+/// address space up front; the buffers grow past it as samples arrive.
+constexpr std::size_t kMaxInitialReserveFrames = std::size_t(1) << 27;
+
+struct FormatContextCloser {
+    void operator()(AVFormatContext* context) const noexcept { avformat_close_input(&context); }
+};
+struct CodecContextFreer {
+    void operator()(AVCodecContext* context) const noexcept { avcodec_free_context(&context); }
+};
+struct PacketFreer {
+    void operator()(AVPacket* packet) const noexcept { av_packet_free(&packet); }
+};
+struct FrameFreer {
+    void operator()(AVFrame* frame) const noexcept { av_frame_free(&frame); }
+};
+struct ResamplerFreer {
+    void operator()(SwrContext* context) const noexcept { swr_free(&context); }
+};
+struct IOContextCloser {
+    void operator()(AVIOContext* context) const noexcept { avio_closep(&context); }
+};
+
+/// An AVDictionary freed on scope exit.
+class Options {
+public:
+    Options() = default;
+    ~Options() { av_dict_free(&mDictionary); }
+    Options(const Options&) = delete;
+    Options& operator=(const Options&) = delete;
+    void set(const char* key, const char* value) { av_dict_set(&mDictionary, key, value, 0); }
+    AVDictionary** get() noexcept { return &mDictionary; }
+
+private:
+    AVDictionary* mDictionary = nullptr;
+};
+
+void silenceLibraryLogging()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
+}
+
+/// A failure to open: the reason shown to the user, and whether it is worth an error log line.
+struct Failure {
+    std::string reason;
+    bool log = true;
+};
+
+/// The container's short name as people know it.
+std::string containerName(const AVFormatContext* format)
+{
+    const std::string_view name = format->iformat->name;
+    if (name.starts_with("mov,")) {
+        const AVDictionaryEntry* brand = av_dict_get(format->metadata, "major_brand", nullptr, 0);
+        if (brand && std::string_view(brand->value).starts_with("qt")) {
+            return "mov";
+        }
+        return "mp4";
+    }
+    if (name.starts_with("matroska")) {
+        return "matroska";
+    }
+    return std::string(name.substr(0, name.find(',')));
+}
+
+/// Where decoded samples go: one or two growing planes in the client format.
+class SampleSink {
+public:
+    bool prepare(int outChannels, std::size_t reserveFrames)
+    {
+        mBuffers.resize(std::size_t(outChannels));
+        for (auto& buffer : mBuffers) {
+            if (!buffer.reserve(reserveFrames) && !buffer.reserve(std::size_t(1) << 20)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /// Makes room for `frames` more frames, growing in chunks (the pages are remapped, never
+    /// copied).
+    bool makeRoom(std::size_t frames, std::size_t chunkFrames)
+    {
+        if (mFrames + frames <= mBuffers.front().capacity()) {
+            return true;
+        }
+        const std::size_t capacity = mBuffers.front().capacity();
+        const std::size_t wanted =
+            std::max(mFrames + frames, capacity + std::max(capacity / 4, chunkFrames));
+        for (auto& buffer : mBuffers) {
+            if (!buffer.reserve(wanted) && !buffer.reserve(mFrames + frames)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    int channels() const noexcept { return int(mBuffers.size()); }
+    std::size_t frames() const noexcept { return mFrames; }
+    float* writePointer(int channel) noexcept { return mBuffers[std::size_t(channel)].data() + mFrames; }
+    void commit(std::size_t frames) noexcept { mFrames += frames; }
+    void truncate(std::size_t frames) noexcept { mFrames = std::min(mFrames, frames); }
+
+    std::vector<SampleBuffer> finish()
+    {
+        for (auto& buffer : mBuffers) {
+            buffer.shrinkTo(mFrames);
+        }
+        return std::move(mBuffers);
+    }
+
+private:
+    std::vector<SampleBuffer> mBuffers;
+    std::size_t mFrames = 0;
+};
+
+/// Turns decoded frames of any sample format and layout into the sink's planes: planar float
+/// is copied, everything else (integer formats, interleaved data, more than two channels, a
+/// rate that changed mid-stream) goes through libswresample.
+class Converter {
+public:
+    /// Called for the first frame: fixes the client rate and channel count.
+    void start(int sampleRate, int outChannels)
+    {
+        mOutRate = sampleRate;
+        mOutChannels = outChannels;
+    }
+
+    /// Converts one frame into the sink. Returns false when memory runs out or libswresample
+    /// fails.
+    bool convert(const AVFrame* frame, SampleSink& sink, std::size_t chunkFrames)
+    {
+        const int channels = frame->ch_layout.nb_channels;
+        if (frame->format == AV_SAMPLE_FMT_FLTP && frame->sample_rate == mOutRate &&
+            channels == mOutChannels && !mResampler) {
+            const auto count = std::size_t(frame->nb_samples);
+            if (!sink.makeRoom(count, chunkFrames)) {
+                return false;
+            }
+            for (int c = 0; c < channels; ++c) {
+                std::memcpy(sink.writePointer(c), frame->extended_data[c], count * sizeof(float));
+            }
+            sink.commit(count);
+            return true;
+        }
+        if (!configure(frame)) {
+            return false;
+        }
+        const int bound = swr_get_out_samples(mResampler.get(), frame->nb_samples);
+        if (bound < 0 || !sink.makeRoom(std::size_t(bound), chunkFrames)) {
+            return false;
+        }
+        std::array<std::uint8_t*, 2> out{};
+        for (int c = 0; c < mOutChannels; ++c) {
+            out[std::size_t(c)] = reinterpret_cast<std::uint8_t*>(sink.writePointer(c));
+        }
+        const int done = swr_convert(mResampler.get(), out.data(), bound,
+                                     const_cast<const std::uint8_t**>(frame->extended_data),
+                                     frame->nb_samples);
+        if (done < 0) {
+            return false;
+        }
+        sink.commit(std::size_t(done));
+        return true;
+    }
+
+    /// Drains what a resampler still holds.
+    bool flush(SampleSink& sink, std::size_t chunkFrames)
+    {
+        if (!mResampler) {
+            return true;
+        }
+        const int bound = swr_get_out_samples(mResampler.get(), 0);
+        if (bound <= 0) {
+            return bound == 0;
+        }
+        if (!sink.makeRoom(std::size_t(bound), chunkFrames)) {
+            return false;
+        }
+        std::array<std::uint8_t*, 2> out{};
+        for (int c = 0; c < mOutChannels; ++c) {
+            out[std::size_t(c)] = reinterpret_cast<std::uint8_t*>(sink.writePointer(c));
+        }
+        const int done = swr_convert(mResampler.get(), out.data(), bound, nullptr, 0);
+        if (done < 0) {
+            return false;
+        }
+        sink.commit(std::size_t(done));
+        return true;
+    }
+
+private:
+    struct InputKey {
+        int format = -1;
+        int rate = 0;
+        int channels = 0;
+        std::uint64_t mask = 0;
+        bool operator==(const InputKey&) const = default;
+    };
+
+    bool configure(const AVFrame* frame)
+    {
+        const int channels = frame->ch_layout.nb_channels;
+        const InputKey key{frame->format, frame->sample_rate, channels,
+                           frame->ch_layout.order == AV_CHANNEL_ORDER_NATIVE
+                               ? frame->ch_layout.u.mask
+                               : 0};
+        if (mResampler && key == mKey) {
+            return true;
+        }
+        // One or two channels are taken as mono and left/right whatever they are labelled;
+        // larger layouts without labels get the default layout of their channel count so the
+        // standard downmix applies.
+        AVChannelLayout inLayout{};
+        if (channels <= 2 || frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+            av_channel_layout_default(&inLayout, channels);
+        } else if (av_channel_layout_copy(&inLayout, &frame->ch_layout) < 0) {
+            return false;
+        }
+        AVChannelLayout outLayout{};
+        av_channel_layout_default(&outLayout, mOutChannels);
+
+        // A change of input format mid-stream: keep what the previous converter still holds.
+        std::unique_ptr<SwrContext, ResamplerFreer> previous = std::move(mResampler);
+        SwrContext* context = nullptr;
+        const int status = swr_alloc_set_opts2(&context, &outLayout, AV_SAMPLE_FMT_FLTP, mOutRate,
+                                               &inLayout, AVSampleFormat(frame->format),
+                                               frame->sample_rate, 0, nullptr);
+        av_channel_layout_uninit(&inLayout);
+        av_channel_layout_uninit(&outLayout);
+        mResampler.reset(context);
+        if (status < 0 || !context || swr_init(context) < 0) {
+            mResampler.reset();
+            return false;
+        }
+        mKey = key;
+        return true;
+    }
+
+    int mOutRate = 0;
+    int mOutChannels = 0;
+    InputKey mKey;
+    std::unique_ptr<SwrContext, ResamplerFreer> mResampler;
+};
+
+class Decoder {
+public:
+    Decoder(std::filesystem::path path, BRIXExtendedAudioFile::ProgressCallback progress)
+        : mPath(std::move(path)), mProgress(std::move(progress))
+    {
+    }
+
+    /// Opens and decodes; on success the file's fields are filled.
+    std::optional<Failure> run(BRIXExtendedAudioFile::SourceFormat& outFormat,
+                               std::vector<SampleBuffer>& outBuffers, int& outRate,
+                               std::size_t& outFrames)
+    {
+        if (auto failure = checkFile()) {
+            return failure;
+        }
+        if (auto failure = openContainer()) {
+            return failure;
+        }
+        if (auto failure = openDecoder()) {
+            return failure;
+        }
+        if (auto failure = decodeAll()) {
+            return failure;
+        }
+        outFormat = mSourceFormat;
+        outRate = mRate;
+        outFrames = mSink.frames();
+        outBuffers = mSink.finish();
+        return std::nullopt;
+    }
+
+private:
+    std::optional<Failure> checkFile()
+    {
+        std::error_code error;
+        const auto status = std::filesystem::status(mPath, error);
+        if (!std::filesystem::exists(status)) {
+            return Failure{std::string(kReasonMissing)};
+        }
+        if (!std::filesystem::is_regular_file(status)) {
+            return Failure{std::string(kReasonNotAudio)};
+        }
+        const auto size = std::filesystem::file_size(mPath, error);
+        if (error) {
+            return Failure{std::string(kReasonUnreadable)};
+        }
+        if (size == 0) {
+            return Failure{std::string(kReasonEmpty)};
+        }
+        mFileSize = std::int64_t(size);
+        return std::nullopt;
+    }
+
+    std::optional<Failure> openContainer()
+    {
+        // The file protocol only, named explicitly so a colon in a path is never a protocol.
+        const std::string url = "file:" + mPath.string();
+
+        // Probing on our own I/O tells "not audio at all" apart from "audio but damaged": the
+        // demuxer's header reading fails the same way for both.
+        Options ioOptions;
+        ioOptions.set("protocol_whitelist", "file");
+        AVIOContext* io = nullptr;
+        if (avio_open2(&io, url.c_str(), AVIO_FLAG_READ, nullptr, ioOptions.get()) < 0) {
+            return Failure{std::string(kReasonUnreadable)};
+        }
+        mIO.reset(io);
+
+        const AVInputFormat* inputFormat = nullptr;
+        const int probed = av_probe_input_buffer2(mIO.get(), &inputFormat, url.c_str(), nullptr,
+                                                  0, 0);
+        if (probed < 0 || !inputFormat) {
+            return Failure{std::string(kReasonNotAudio)};
+        }
+        if (av_match_list(inputFormat->name, kFormatWhitelist, ',') <= 0) {
+            return Failure{format("%s (%s)", std::string(kReasonNotAudio).c_str(),
+                                  inputFormat->long_name ? inputFormat->long_name
+                                                         : inputFormat->name)};
+        }
+
+        AVFormatContext* context = avformat_alloc_context();
+        if (!context) {
+            return Failure{std::string(kReasonTooLarge)};
+        }
+        context->pb = mIO.get();
+        context->flags |= AVFMT_FLAG_CUSTOM_IO;
+        Options options;
+        options.set("format_whitelist", kFormatWhitelist);
+        options.set("codec_whitelist", kCodecWhitelist);
+        options.set("protocol_whitelist", "file");
+        if (avformat_open_input(&context, url.c_str(), inputFormat, options.get()) < 0) {
+            // avformat_open_input frees the context on failure.
+            return Failure{std::string(kReasonDamaged)};
+        }
+        mFormat.reset(context);
+        return std::nullopt;
+    }
+
+    std::optional<Failure> openDecoder()
+    {
+        AVFormatContext* format = mFormat.get();
+        int index = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        const bool complete = index >= 0 && streamParametersComplete(format->streams[index]);
+        if (index < 0 || !complete) {
+            // Some containers only learn their streams' parameters from the first packets.
+            if (avformat_find_stream_info(format, nullptr) < 0) {
+                return Failure{std::string(kReasonDamaged)};
+            }
+            index = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        }
+        if (index < 0) {
+            return Failure{std::string(kReasonNoAudio)};
+        }
+        mStream = format->streams[index];
+        for (unsigned i = 0; i < format->nb_streams; ++i) {
+            format->streams[i]->discard = int(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+        }
+
+        const AVCodecParameters* parameters = mStream->codecpar;
+        mSourceFormat.container = containerName(format);
+        mSourceFormat.codec = avcodec_get_name(parameters->codec_id);
+        mSourceFormat.channels = std::uint32_t(std::max(parameters->ch_layout.nb_channels, 0));
+        mSourceFormat.bitRate = parameters->bit_rate > 0 ? parameters->bit_rate : format->bit_rate;
+        const AVCodecDescriptor* descriptor = avcodec_descriptor_get(parameters->codec_id);
+        if (descriptor && (descriptor->props & AV_CODEC_PROP_LOSSLESS)) {
+            const int bits = parameters->bits_per_raw_sample > 0
+                                 ? parameters->bits_per_raw_sample
+                                 : parameters->bits_per_coded_sample;
+            mSourceFormat.bitsPerSample = std::uint32_t(std::max(bits, 0));
+        }
+
+        if (auto failure = checkParameters(parameters->sample_rate,
+                                           parameters->ch_layout.nb_channels)) {
+            return failure;
+        }
+
+        const AVCodec* codec = avcodec_find_decoder(parameters->codec_id);
+        if (!codec || av_match_list(codec->name, kCodecWhitelist, ',') <= 0) {
+            return Failure{unsupportedReason(avcodec_get_name(parameters->codec_id))};
+        }
+        AVCodecContext* context = avcodec_alloc_context3(codec);
+        if (!context) {
+            return Failure{std::string(kReasonTooLarge)};
+        }
+        mCodec.reset(context);
+        if (avcodec_parameters_to_context(context, parameters) < 0) {
+            return Failure{std::string(kReasonDamaged)};
+        }
+        context->pkt_timebase = mStream->time_base;
+        context->request_sample_fmt = AV_SAMPLE_FMT_FLTP;
+        // Codecs that can decode in parallel (FLAC, ALAC) use every core.
+        context->thread_count = 0;
+        context->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
+        Options options;
+        options.set("codec_whitelist", kCodecWhitelist);
+        if (avcodec_open2(context, codec, options.get()) < 0) {
+            return Failure{std::string(kReasonDamaged)};
+        }
+        return std::nullopt;
+    }
+
+    static bool streamParametersComplete(const AVStream* stream)
+    {
+        const AVCodecParameters* parameters = stream->codecpar;
+        return parameters->codec_id != AV_CODEC_ID_NONE && parameters->sample_rate > 0 &&
+               parameters->ch_layout.nb_channels > 0;
+    }
+
+    static std::string unsupportedReason(const std::string& what)
+    {
+        return format("The audio is in an unsupported format (%s).", what.c_str());
+    }
+
+    /// Zero means not known yet; known values must lie in the supported range.
+    static std::optional<Failure> checkParameters(int sampleRate, int channels)
+    {
+        const bool badRate = sampleRate != 0 &&
+                             (sampleRate < kMinSampleRate || sampleRate > kMaxSampleRate);
+        const bool badChannels = channels < 0 || channels > kMaxChannels;
+        if (badRate || badChannels) {
+            return Failure{unsupportedReason(format("%d Hz, %d channels", sampleRate, channels))};
+        }
+        return std::nullopt;
+    }
+
+    /// Frames the file will likely decode to at `rate`, from the durations the container knows
+    /// (0 when it knows none).
+    std::size_t estimatedFrames(int rate) const
+    {
+        double seconds = 0;
+        if (mStream->duration != AV_NOPTS_VALUE && mStream->duration > 0) {
+            std::int64_t duration = mStream->duration;
+            if (mStream->start_time != AV_NOPTS_VALUE && mStream->start_time > 0) {
+                duration -= std::min(duration, mStream->start_time);
+            }
+            seconds = double(duration) * av_q2d(mStream->time_base);
+        } else if (mFormat->duration != AV_NOPTS_VALUE && mFormat->duration > 0) {
+            seconds = double(mFormat->duration) / AV_TIME_BASE;
+        } else if (mSourceFormat.bitRate > 0) {
+            seconds = double(mFileSize) * 8 / double(mSourceFormat.bitRate);
+        }
+        const double frames = seconds * rate;
+        if (!(frames > 0)) {
+            return 0;
+        }
+        return std::size_t(std::min(frames, double(kMaxInitialReserveFrames)));
+    }
+
+    std::optional<Failure> beginOutput(const AVFrame* frame, int packetBytes)
+    {
+        const int channels = frame->ch_layout.nb_channels;
+        if (channels <= 0 || frame->sample_rate <= 0) {
+            return Failure{std::string(kReasonDamaged)};
+        }
+        if (auto failure = checkParameters(frame->sample_rate, channels)) {
+            return failure;
+        }
+        mRate = frame->sample_rate;
+        if (mSourceFormat.channels == 0) {
+            mSourceFormat.channels = std::uint32_t(channels);
+        }
+        // A mono source keeps one plane; both client channels read it.
+        const int outChannels = channels == 1 ? 1 : 2;
+        std::size_t estimate = estimatedFrames(mRate);
+        if (estimate == 0 && packetBytes > 0) {
+            // Constant bit rate guess from the first packet's size.
+            estimate = std::size_t(std::min(
+                double(mFileSize) / packetBytes * frame->nb_samples, double(kMaxInitialReserveFrames)));
+        }
+        // A little headroom over the estimate; untouched pages cost nothing and go at the end.
+        const std::size_t reserve = estimate > 0 ? estimate + estimate / 50 + std::size_t(mRate)
+                                                 : std::size_t(mRate) * 60;
+        mChunkFrames = std::size_t(mRate) * 30;
+        mConverter.start(mRate, outChannels);
+        if (!mSink.prepare(outChannels, reserve)) {
+            return Failure{std::string(kReasonTooLarge)};
+        }
+        return std::nullopt;
+    }
+
+    std::optional<Failure> receiveFrames(AVFrame* frame, int packetBytes)
+    {
+        while (true) {
+            const int status = avcodec_receive_frame(mCodec.get(), frame);
+            if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) {
+                return std::nullopt;
+            }
+            if (status == AVERROR(ENOMEM)) {
+                return Failure{std::string(kReasonTooLarge)};
+            }
+            if (status < 0) {
+                // A damaged frame: what decodes around it still plays.
+                ++mDecodeErrors;
+                continue;
+            }
+            if (frame->nb_samples > 0) {
+                if (mRate == 0) {
+                    if (auto failure = beginOutput(frame, packetBytes)) {
+                        av_frame_unref(frame);
+                        return failure;
+                    }
+                }
+                if (!mConverter.convert(frame, mSink, mChunkFrames)) {
+                    av_frame_unref(frame);
+                    return Failure{std::string(kReasonTooLarge)};
+                }
+            }
+            av_frame_unref(frame);
+        }
+    }
+
+    std::optional<Failure> sendPacket(const AVPacket* packet, AVFrame* frame)
+    {
+        const int bytes = packet ? packet->size : 0;
+        while (true) {
+            const int status = avcodec_send_packet(mCodec.get(), packet);
+            if (status == AVERROR(EAGAIN)) {
+                // The decoder wants its output taken first.
+                if (auto failure = receiveFrames(frame, bytes)) {
+                    return failure;
+                }
+                continue;
+            }
+            if (status == AVERROR(ENOMEM)) {
+                return Failure{std::string(kReasonTooLarge)};
+            }
+            if (status < 0 && status != AVERROR_EOF) {
+                ++mDecodeErrors;
+            }
+            return receiveFrames(frame, bytes);
+        }
+    }
+
+    bool reportProgress(double fraction)
+    {
+        if (!mProgress) {
+            return true;
+        }
+        return mProgress(std::clamp(fraction, 0.0, 1.0));
+    }
+
+    std::optional<Failure> decodeAll()
+    {
+        std::unique_ptr<AVPacket, PacketFreer> packet(av_packet_alloc());
+        std::unique_ptr<AVFrame, FrameFreer> frame(av_frame_alloc());
+        if (!packet || !frame) {
+            return Failure{std::string(kReasonTooLarge)};
+        }
+        if (!reportProgress(0)) {
+            return Failure{std::string(kReasonCancelled), false};
+        }
+        double reported = 0;
+        std::size_t packets = 0;
+        while (true) {
+            const int status = av_read_frame(mFormat.get(), packet.get());
+            if (status == AVERROR(ENOMEM)) {
+                return Failure{std::string(kReasonTooLarge)};
+            }
+            if (status < 0) {
+                // The end, or a read error in a truncated file: keep what decoded.
+                break;
+            }
+            if (packet->stream_index != mStream->index) {
+                av_packet_unref(packet.get());
+                continue;
+            }
+            auto failure = sendPacket(packet.get(), frame.get());
+            av_packet_unref(packet.get());
+            if (failure) {
+                return failure;
+            }
+            if (mProgress && ++packets % 64 == 0) {
+                const double fraction = double(avio_tell(mFormat->pb)) / double(mFileSize);
+                if (fraction - reported >= 0.01) {
+                    reported = fraction;
+                    if (!reportProgress(fraction)) {
+                        return Failure{std::string(kReasonCancelled), false};
+                    }
+                }
+            }
+        }
+        if (auto failure = sendPacket(nullptr, frame.get())) {
+            return failure;
+        }
+        if (mRate == 0) {
+            return Failure{std::string(mDecodeErrors > 0 ? kReasonDamaged : kReasonNoAudio)};
+        }
+        if (!mConverter.flush(mSink, mChunkFrames)) {
+            return Failure{std::string(kReasonTooLarge)};
+        }
+        trimToContainerDuration();
+        if (mSink.frames() == 0) {
+            return Failure{std::string(kReasonNoAudio)};
+        }
+        if (!reportProgress(1)) {
+            return Failure{std::string(kReasonCancelled), false};
+        }
+        return std::nullopt;
+    }
+
+    /// MP4 gives the exact length of its audio in the track's duration (after the edit list
+    /// dropped the encoder's priming), but the decoder still emits the padding of the last
+    /// packet. Other containers either trim exactly already or only estimate their duration.
+    void trimToContainerDuration()
+    {
+        if (!std::string_view(mFormat->iformat->name).starts_with("mov,")) {
+            return;
+        }
+        if (mStream->duration == AV_NOPTS_VALUE || mStream->duration <= 0) {
+            return;
+        }
+        std::int64_t duration = mStream->duration;
+        if (mStream->start_time != AV_NOPTS_VALUE && mStream->start_time > 0) {
+            duration -= std::min(duration, mStream->start_time);
+        }
+        const std::int64_t frames = av_rescale_q_rnd(
+            duration, mStream->time_base, AVRational{1, mRate},
+            AVRounding(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+        if (frames > 0) {
+            mSink.truncate(std::size_t(frames));
+        }
+    }
+
+    std::filesystem::path mPath;
+    BRIXExtendedAudioFile::ProgressCallback mProgress;
+    std::int64_t mFileSize = 0;
+    std::unique_ptr<AVIOContext, IOContextCloser> mIO;
+    // Declared after mIO so it is closed first: it reads through mIO.
+    std::unique_ptr<AVFormatContext, FormatContextCloser> mFormat;
+    std::unique_ptr<AVCodecContext, CodecContextFreer> mCodec;
+    AVStream* mStream = nullptr;
+    BRIXExtendedAudioFile::SourceFormat mSourceFormat;
+    SampleSink mSink;
+    Converter mConverter;
+    int mRate = 0;
+    std::size_t mChunkFrames = 0;
+    std::size_t mDecodeErrors = 0;
+};
+
+} // namespace
+
+std::unique_ptr<BRIXExtendedAudioFile> AudioFileDecoder::open(
+    const std::filesystem::path& path, Error* outError,
+    BRIXExtendedAudioFile::ProgressCallback progress)
+{
+    silenceLibraryLogging();
+
+    BRIXExtendedAudioFile::SourceFormat sourceFormat;
+    std::vector<SampleBuffer> buffers;
+    int rate = 0;
+    std::size_t frames = 0;
+    std::optional<Failure> failure;
+    {
+        Decoder decoder(path, std::move(progress));
+        failure = decoder.run(sourceFormat, buffers, rate, frames);
+    }
+    if (failure) {
+        if (failure->log) {
+            VELL_LOG_ERROR(format("Could not open the audio file %s: %s", path.c_str(),
+                                  failure->reason.c_str()));
+        }
+        assignError(outError, makeUserError(kBadAudioFile, failure->reason));
+        return nullptr;
+    }
+
+    std::unique_ptr<BRIXExtendedAudioFile> file(new BRIXExtendedAudioFile);
+    file->mPath = path;
+    file->mSampleRate = rate;
+    file->mSourceFormat = std::move(sourceFormat);
+    file->mStorage = std::make_unique<BRIXExtendedAudioFile::Storage>();
+    file->mStorage->buffers = std::move(buffers);
+    const auto& planes = file->mStorage->buffers;
+    file->mChannels = {planes.front().data(), planes.back().data()};
+    file->mFrameCount = Frame(frames);
+    return file;
+}
+
+} // namespace vell::detail
