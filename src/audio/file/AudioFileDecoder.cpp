@@ -368,6 +368,8 @@ private:
         if (probed < 0 || !inputFormat) {
             return Failure{std::string(kReasonNotAudio)};
         }
+        // A guess from the file name alone (or little more) is no evidence that this is audio.
+        mWeakProbe = probed <= AVPROBE_SCORE_EXTENSION / 2;
         if (av_match_list(inputFormat->name, kFormatWhitelist, ',') <= 0) {
             return Failure{format("%s (%s)", std::string(kReasonNotAudio).c_str(),
                                   inputFormat->long_name ? inputFormat->long_name
@@ -386,7 +388,7 @@ private:
         options.set("protocol_whitelist", "file");
         if (avformat_open_input(&context, url.c_str(), inputFormat, options.get()) < 0) {
             // avformat_open_input frees the context on failure.
-            return Failure{std::string(kReasonDamaged)};
+            return Failure{std::string(mWeakProbe ? kReasonNotAudio : kReasonDamaged)};
         }
         mFormat.reset(context);
         return std::nullopt;
@@ -405,7 +407,7 @@ private:
             index = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
         }
         if (index < 0) {
-            return Failure{std::string(kReasonNoAudio)};
+            return Failure{std::string(mWeakProbe ? kReasonNotAudio : kReasonNoAudio)};
         }
         mStream = format->streams[index];
         for (unsigned i = 0; i < format->nb_streams; ++i) {
@@ -474,7 +476,8 @@ private:
                              (sampleRate < kMinSampleRate || sampleRate > kMaxSampleRate);
         const bool badChannels = channels < 0 || channels > kMaxChannels;
         if (badRate || badChannels) {
-            return Failure{unsupportedReason(format("%d Hz, %d channels", sampleRate, channels))};
+            return Failure{unsupportedReason(
+                format("%d Hz, %d channel%s", sampleRate, channels, channels == 1 ? "" : "s"))};
         }
         return std::nullopt;
     }
@@ -639,6 +642,9 @@ private:
             return failure;
         }
         if (mRate == 0) {
+            if (mWeakProbe) {
+                return Failure{std::string(kReasonNotAudio)};
+            }
             return Failure{std::string(mDecodeErrors > 0 ? kReasonDamaged : kReasonNoAudio)};
         }
         if (!mConverter.flush(mSink, mChunkFrames)) {
@@ -680,6 +686,7 @@ private:
     std::filesystem::path mPath;
     BRIXExtendedAudioFile::ProgressCallback mProgress;
     std::int64_t mFileSize = 0;
+    bool mWeakProbe = false;
     std::unique_ptr<AVIOContext, IOContextCloser> mIO;
     // Declared after mIO so it is closed first: it reads through mIO.
     std::unique_ptr<AVFormatContext, FormatContextCloser> mFormat;
