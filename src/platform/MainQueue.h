@@ -5,12 +5,18 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace vell {
+
+class TimeSource;
 
 /// A serial queue drained by one thread: the host drains it (`drain`, `runUntil`) or lets it
 /// run on a thread of its own (`startThread`). Tests drain it deterministically.
 /// Thread: `async` and `asyncAfter` from any thread except the render thread.
+///
+/// Delays are measured on the queue's time source: the steady clock, or a `ManualClock` on which
+/// nothing becomes due until a test advances it. A task that throws is logged and dropped.
 class MainQueue {
 public:
     using Task = std::function<void()>;
@@ -18,8 +24,12 @@ public:
 
     /// The process's main queue.
     static MainQueue& main();
+    /// The process's global queue, where timers tick: it runs on a thread of its own, started at
+    /// its first use. Tests stop that thread (`stopThread`) and drain it themselves.
+    static MainQueue& global();
 
     MainQueue();
+    explicit MainQueue(std::shared_ptr<TimeSource> timeSource);
     ~MainQueue();
     MainQueue(const MainQueue&) = delete;
     MainQueue& operator=(const MainQueue&) = delete;
@@ -42,7 +52,20 @@ public:
     void stopThread();
 
     /// Whether the calling thread is the one draining this queue (or the queue's own thread).
+    /// The last thread that drained the queue stays its thread until another one drains it.
     bool isCurrent() const;
+    /// Makes the calling thread the queue's thread without draining (for hosts that drain later).
+    void adoptCurrentThread();
+
+    /// The queue's time source and its current reading.
+    std::shared_ptr<TimeSource> timeSource() const;
+    Clock::time_point now() const;
+    /// Replaces the time source. Delayed tasks keep their due times, so switch before scheduling.
+    void setTimeSource(std::shared_ptr<TimeSource> timeSource);
+
+    /// When the earliest pending task is due (now, for a task queued with `async`); nothing when
+    /// no task is pending. Cancelled tasks do not count.
+    std::optional<Clock::time_point> nextDueTime() const;
 
 private:
     struct Impl;
