@@ -35,42 +35,18 @@ std::uint64_t hostTimeNow() noexcept
                                           .count());
 }
 
-/// The resampler's delay in device frames: where an impulse at input frame 0 comes out.
-double measureDelay(double ratio, std::uint32_t blockFrames)
-{
-    int error = 0;
-    SRC_STATE* state = src_new(kConverterType, 1, &error);
-    if (!state) {
-        return 0;
-    }
-    std::vector<float> input(blockFrames, 0.0f);
-    std::vector<float> output(static_cast<std::size_t>(std::ceil(blockFrames * ratio)) + 16);
-    input[0] = 1.0f;
-    double bestIndex = 0;
-    float best = 0;
-    long produced = 0;
-    for (int block = 0; block < 64 && produced < 8192; ++block) {
-        SRC_DATA data{};
-        data.data_in = input.data();
-        data.input_frames = static_cast<long>(input.size());
-        data.data_out = output.data();
-        data.output_frames = static_cast<long>(output.size());
-        data.src_ratio = ratio;
-        if (src_process(state, &data) != 0) {
-            break;
+/// Counts the frames a dry run pulls, and gives silence.
+struct FrameCounter {
+    double frames = 0;
+    static void render(void* context, float* const* channels, std::uint32_t channelCount,
+                       std::uint32_t frameCount, const AudioTimeStamp&) noexcept
+    {
+        static_cast<FrameCounter*>(context)->frames += frameCount;
+        for (std::uint32_t c = 0; c < channelCount; ++c) {
+            std::fill(channels[c], channels[c] + frameCount, 0.0f);
         }
-        for (long i = 0; i < data.output_frames_gen; ++i) {
-            if (std::fabs(output[static_cast<std::size_t>(i)]) > best) {
-                best = std::fabs(output[static_cast<std::size_t>(i)]);
-                bestIndex = static_cast<double>(produced + i);
-            }
-        }
-        produced += data.output_frames_gen;
-        input[0] = 0.0f;
     }
-    src_delete(state);
-    return bestIndex;
-}
+};
 
 } // namespace
 
@@ -140,9 +116,40 @@ Result<void> StreamRenderer::prepare(double streamRate, double deviceRate,
     mPlanar.assign(static_cast<std::size_t>(channelCount) * maxStreamFrames, 0.0f);
     mInput.assign(static_cast<std::size_t>(channelCount) * maxStreamFrames, 0.0f);
     mOutput.assign(static_cast<std::size_t>(channelCount) * mMaxDeviceFrames, 0.0f);
-    mLatencyFrames =
-        static_cast<std::uint32_t>(std::lround(measureDelay(mRatio, maxStreamFrames) / mRatio));
+    mLatencyFrames = measureLatency();
     return {};
+}
+
+std::uint32_t StreamRenderer::measureLatency()
+{
+    // The stream runs ahead of the device by what the resampler holds (its filter and the input
+    // it buffers) plus the part of the last pulled block not yet consumed. A dry run with the
+    // device's usual request size measures the average.
+    FrameCounter counter;
+    AudioDeviceRenderProc proc = mProc;
+    void* context = mContext;
+    mProc = &FrameCounter::render;
+    mContext = &counter;
+    const std::uint32_t request = std::max<std::uint32_t>(
+        1, static_cast<std::uint32_t>(std::lround(mMaxStreamFrames * mRatio)));
+    std::vector<float> scratch(static_cast<std::size_t>(request) * mChannelCount);
+    std::array<float*, kMaximumChannels> channels{};
+    for (std::uint32_t c = 0; c < mChannelCount; ++c) {
+        channels[c] = scratch.data() + static_cast<std::size_t>(c) * request;
+    }
+    constexpr int kWarmUp = 16, kMeasured = 256;
+    double deviceFrames = 0, sum = 0;
+    for (int i = 0; i < kWarmUp + kMeasured; ++i) {
+        render(channels.data(), request);
+        deviceFrames += request;
+        if (i >= kWarmUp) {
+            sum += counter.frames - deviceFrames / mRatio;
+        }
+    }
+    mProc = proc;
+    mContext = context;
+    reset();
+    return static_cast<std::uint32_t>(std::lround(std::max(0.0, sum / kMeasured)));
 }
 
 void StreamRenderer::reset() noexcept

@@ -38,7 +38,9 @@ public:
     std::uint32_t maximumStreamFrames() const noexcept { return mMaxStreamFrames; }
     /// The largest device request one `render` call serves.
     std::uint32_t maximumDeviceFrames() const noexcept { return mMaxDeviceFrames; }
-    /// The resampler's delay in stream frames (0 without resampling), measured at prepare.
+    /// How far the pulled stream runs ahead of what the device has been given, in stream frames,
+    /// on average (0 without resampling): what the resampler holds plus input pulled but not yet
+    /// consumed, measured at prepare with a dry run.
     std::uint32_t latencyFrames() const noexcept { return mLatencyFrames; }
 
     /// Forgets the resampler's history and restarts the sample time at 0.
@@ -56,6 +58,7 @@ private:
     /// Calls the procedure for frames stream frames into channels.
     VELL_RT void pull(float* const* channels, std::uint32_t frames) noexcept;
     void release() noexcept;
+    std::uint32_t measureLatency();
 
     AudioDeviceRenderProc mProc = nullptr;
     void* mContext = nullptr;

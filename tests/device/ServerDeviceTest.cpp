@@ -1,0 +1,146 @@
+// Against a real sound server with a null sink (started by the with-null-sink wrapper): a sine
+// played through the default output reaches the sink at its frequency, and changing the
+// server's default sink reaches the listener on the main queue.
+#include "DeviceTestSignals.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace vell::test {
+namespace {
+
+constexpr int kSkipped = 77;
+constexpr double kSinkRate = 44100;
+
+std::string wrapperPath()
+{
+    std::vector<std::string> candidates;
+    if (const char* named = std::getenv("VELL_NULL_SINK_WRAPPER")) {
+        candidates.emplace_back(named);
+    }
+    candidates.emplace_back("/work/shared/tools/with-null-sink");
+    candidates.emplace_back(std::string(VELL_SOURCE_DIR) + "/../shared/tools/with-null-sink");
+    for (const std::string& path : candidates) {
+        if (::access(path.c_str(), X_OK) == 0) {
+            return path;
+        }
+    }
+    return {};
+}
+
+std::string shellQuoted(const std::string& text)
+{
+    std::string out = "'";
+    for (char c : text) {
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return out + "'";
+}
+
+class ServerDeviceTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        wrapper = wrapperPath();
+        if (wrapper.empty()) {
+            GTEST_SKIP() << "with-null-sink is not here: no sound-server tests";
+        }
+    }
+
+    /// Runs command under a private server; skips the test when no server can start.
+    std::string underServer(const std::string& command, int* outStatus,
+                            const std::string& capture = {})
+    {
+        std::string line = shellQuoted(wrapper);
+        if (!capture.empty()) {
+            line += " --capture " + shellQuoted(capture);
+        }
+        line += " -- " + command + " 2>&1";
+        return commandOutput(line, outStatus);
+    }
+
+    std::string wrapper;
+    const std::string probe = VELL_DEVICE_PROBE;
+};
+
+TEST_F(ServerDeviceTest, ASinePlayedThroughTheDefaultOutputReachesTheSink)
+{
+    TemporaryDirectory directory;
+    const std::string capture = (directory / "sink.f32").string();
+    int status = -1;
+    const std::string output = underServer(
+        shellQuoted(probe) + " sine --frequency 1000 --seconds 1.5 --rate 44100", &status, capture);
+    if (status == kSkipped) {
+        GTEST_SKIP() << "no sound server could be started here: " << output;
+    }
+    ASSERT_EQ(status, 0) << output;
+
+    // Stereo float frames; keep channel 0 and 1 where the tone is.
+    std::ifstream raw(capture, std::ios::binary | std::ios::ate);
+    const auto bytes = static_cast<std::size_t>(raw.tellg());
+    raw.seekg(0);
+    std::vector<float> samples(bytes / sizeof(float));
+    raw.read(reinterpret_cast<char*>(samples.data()),
+             static_cast<std::streamsize>(samples.size() * sizeof(float)));
+    std::vector<float> left, right;
+    for (std::size_t i = 0; i + 1 < samples.size(); i += 2) {
+        if (std::fabs(samples[i]) > 0.05f || !left.empty()) {
+            left.push_back(samples[i]);
+            right.push_back(samples[i + 1]);
+        }
+    }
+    // Trim the trailing silence after the tone.
+    while (!left.empty() && std::fabs(left.back()) < 0.05f) {
+        left.pop_back();
+        right.pop_back();
+    }
+    const double seconds = static_cast<double>(left.size()) / kSinkRate;
+    EXPECT_GT(seconds, 1.3) << output;
+    EXPECT_LT(seconds, 1.8) << output;
+    ASSERT_GT(left.size(), 4096u);
+    EXPECT_NEAR(zeroCrossingFrequency(left, kSinkRate), 1000.0, 2.0);
+    EXPECT_NEAR(zeroCrossingFrequency(right, kSinkRate), 1000.0, 2.0);
+    EXPECT_NEAR(peakOf(left), 0.5f, 0.05f);
+}
+
+TEST_F(ServerDeviceTest, ChangingTheDefaultSinkCallsTheListenerOnTheMainQueue)
+{
+    const std::string change = "pactl load-module module-null-sink sink_name=second "
+                               "sink_properties=device.description=Second >/dev/null && "
+                               "pactl set-default-sink second";
+    int status = -1;
+    const std::string output =
+        underServer("sh -c " + shellQuoted(shellQuoted(probe) + " list && " + shellQuoted(probe) +
+                                      " watch-default --seconds 5 --command " + shellQuoted(change)),
+                    &status);
+    if (status == kSkipped) {
+        GTEST_SKIP() << "no sound server could be started here: " << output;
+    }
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("default output changed on the main queue"), std::string::npos)
+        << output;
+    // The server's default device is listed as the default output, its transport taken from
+    // the null sink (a virtual one), with the null device last.
+    std::istringstream lines(output);
+    std::string line, defaultLine, lastDevice;
+    while (std::getline(lines, line)) {
+        if (line.rfind('*', 0) == 0) {
+            defaultLine = line;
+        }
+        if (line.find('\t') != std::string::npos) {
+            lastDevice = line;
+        }
+    }
+    EXPECT_EQ(defaultLine.find("\tnull\t"), std::string::npos) << output;
+    EXPECT_NE(defaultLine.find("\tvirt\t"), std::string::npos) << output;
+    EXPECT_NE(lastDevice.find("\tnull\tvirt\t"), std::string::npos) << output;
+}
+
+} // namespace
+} // namespace vell::test
