@@ -10,11 +10,13 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/avstring.h>
+#include <libavutil/intreadwrite.h>
 #include <libswresample/swresample.h>
 }
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -350,7 +352,8 @@ private:
     std::optional<Failure> openContainer()
     {
         // The file protocol only, named explicitly so a colon in a path is never a protocol.
-        const std::string url = "file:" + mPath.string();
+        mUrl = "file:" + mPath.string();
+        const std::string& url = mUrl;
 
         // Probing on our own I/O tells "not audio at all" apart from "audio but damaged": the
         // demuxer's header reading fails the same way for both.
@@ -623,6 +626,15 @@ private:
                 av_packet_unref(packet.get());
                 continue;
             }
+            if (!mSawPacket) {
+                mSawPacket = true;
+                std::size_t size = 0;
+                const std::uint8_t* skip =
+                    av_packet_get_side_data(packet.get(), AV_PKT_DATA_SKIP_SAMPLES, &size);
+                if (skip && size >= 4) {
+                    mInitialSkip = std::int64_t(AV_RL32(skip));
+                }
+            }
             auto failure = sendPacket(packet.get(), frame.get());
             av_packet_unref(packet.get());
             if (failure) {
@@ -660,33 +672,79 @@ private:
         return std::nullopt;
     }
 
-    /// MP4 gives the exact length of its audio in the track's duration (after the edit list
-    /// dropped the encoder's priming), but the decoder still emits the padding of the last
-    /// packet. Other containers either trim exactly already or only estimate their duration.
+    /// MP4 gives the length of its audio in the edit list (which also makes the decoder drop
+    /// the encoder's priming), but the decoder still emits the padding of the last packet, so
+    /// the samples are cut to the stream's duration. Other containers either trim exactly
+    /// already or only estimate their duration.
     void trimToContainerDuration()
     {
-        if (!std::string_view(mFormat->iformat->name).starts_with("mov,")) {
+        if (!isMP4() || mStream->duration == AV_NOPTS_VALUE || mStream->duration <= 0) {
             return;
         }
-        if (mStream->duration == AV_NOPTS_VALUE || mStream->duration <= 0) {
+        std::int64_t frames = streamFrames(mStream->duration, mStream->start_time);
+        if (frames <= 0) {
             return;
         }
-        std::int64_t duration = mStream->duration;
-        if (mStream->start_time != AV_NOPTS_VALUE && mStream->start_time > 0) {
-            duration -= std::min(duration, mStream->start_time);
+        // The edit list states its duration in the movie's time scale, often milliseconds, which
+        // rounds the length by a few dozen samples. The media's own duration (the sum of its
+        // sample durations) less the priming is exact when it agrees with the edit to within
+        // that rounding; if it is further off, the media holds padding and the edit is right.
+        if (mInitialSkip > 0) {
+            if (const auto media = mediaDurationIgnoringEdits()) {
+                const std::int64_t exact = streamFrames(*media, AV_NOPTS_VALUE) - mInitialSkip;
+                const std::int64_t rounding = mRate / 600 + 1;
+                if (exact > 0 && std::abs(exact - frames) <= rounding) {
+                    frames = exact;
+                }
+            }
         }
-        const std::int64_t frames = av_rescale_q_rnd(
-            duration, mStream->time_base, AVRational{1, mRate},
-            AVRounding(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
-        if (frames > 0) {
-            mSink.truncate(std::size_t(frames));
+        mSink.truncate(std::size_t(frames));
+    }
+
+    bool isMP4() const { return std::string_view(mFormat->iformat->name).starts_with("mov,"); }
+
+    /// A duration in the stream's time base as client frames, less a positive start time.
+    std::int64_t streamFrames(std::int64_t duration, std::int64_t startTime) const
+    {
+        if (startTime != AV_NOPTS_VALUE && startTime > 0) {
+            duration -= std::min(duration, startTime);
         }
+        return av_rescale_q_rnd(duration, mStream->time_base, AVRational{1, mRate},
+                                AVRounding(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+    }
+
+    /// The duration of the audio track's media before the edit list applies, read by parsing
+    /// the file's header once more with edit lists ignored.
+    std::optional<std::int64_t> mediaDurationIgnoringEdits() const
+    {
+        AVFormatContext* context = nullptr;
+        Options options;
+        options.set("format_whitelist", kFormatWhitelist);
+        options.set("codec_whitelist", kCodecWhitelist);
+        options.set("protocol_whitelist", "file");
+        options.set("ignore_editlist", "1");
+        if (avformat_open_input(&context, mUrl.c_str(), mFormat->iformat, options.get()) < 0) {
+            return std::nullopt;
+        }
+        std::unique_ptr<AVFormatContext, FormatContextCloser> format(context);
+        for (unsigned i = 0; i < format->nb_streams; ++i) {
+            const AVStream* stream = format->streams[i];
+            if (stream->id == mStream->id && stream->duration != AV_NOPTS_VALUE &&
+                av_cmp_q(stream->time_base, mStream->time_base) == 0) {
+                return stream->duration;
+            }
+        }
+        return std::nullopt;
     }
 
     std::filesystem::path mPath;
     BRIXExtendedAudioFile::ProgressCallback mProgress;
+    std::string mUrl;
     std::int64_t mFileSize = 0;
     bool mWeakProbe = false;
+    /// Samples the demuxer told the decoder to drop at the start (the encoder's priming).
+    std::int64_t mInitialSkip = 0;
+    bool mSawPacket = false;
     std::unique_ptr<AVIOContext, IOContextCloser> mIO;
     // Declared after mIO so it is closed first: it reads through mIO.
     std::unique_ptr<AVFormatContext, FormatContextCloser> mFormat;
