@@ -353,16 +353,16 @@ void IsolationEngine::copySpectrum(float* left, float* right, int length)
     if (length <= 0)
         return;
     const int count = std::min(length, kSpectrumLength);
-    mSnapshots.read([&](const Snapshot& snapshot) {
-        if (left != nullptr) {
-            std::copy_n(snapshot.left.begin(), count, left);
-            std::fill(left + count, left + length, 0.0f);
-        }
-        if (right != nullptr) {
-            std::copy_n(snapshot.right.begin(), count, right);
-            std::fill(right + count, right + length, 0.0f);
-        }
-    });
+    std::lock_guard lock(mReaderMutex);
+    const Snapshot& snapshot = mSnapshots.read();
+    if (left != nullptr) {
+        std::copy_n(snapshot.left.begin(), count, left);
+        std::fill(left + count, left + length, 0.0f);
+    }
+    if (right != nullptr) {
+        std::copy_n(snapshot.right.begin(), count, right);
+        std::fill(right + count, right + length, 0.0f);
+    }
 }
 
 void IsolationEngine::copyPowerSpread(float* spread, int length)
@@ -370,13 +370,13 @@ void IsolationEngine::copyPowerSpread(float* spread, int length)
     if (spread == nullptr || length <= 0)
         return;
     std::fill(spread, spread + length, 0.0f);
-    mSnapshots.read([&](const Snapshot& snapshot) {
-        for (int i = 0; i < kPowerSpreadLength; ++i) {
-            const double centre = (i + 0.5) / kPowerSpreadLength;
-            const int slot = std::min(static_cast<int>(centre * length), length - 1);
-            spread[slot] += snapshot.spread[i];
-        }
-    });
+    std::lock_guard lock(mReaderMutex);
+    const Snapshot& snapshot = mSnapshots.read();
+    for (int i = 0; i < kPowerSpreadLength; ++i) {
+        const double centre = (i + 0.5) / kPowerSpreadLength;
+        const int slot = std::min(static_cast<int>(centre * length), length - 1);
+        spread[slot] += snapshot.spread[i];
+    }
 }
 
 } // namespace vell

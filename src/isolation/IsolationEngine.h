@@ -2,12 +2,13 @@
 #pragma once
 
 #include "isolation/Fftw.h"
-#include "isolation/SnapshotTripleBuffer.h"
 #include "rt/Realtime.h"
+#include "rt/TripleBuffer.h"
 
 #include <array>
 #include <atomic>
 #include <complex>
+#include <mutex>
 #include <vector>
 
 namespace vell {
@@ -147,7 +148,10 @@ private:
     bool mStatisticsPrimed = false; // false: the next frame's statistics are taken as they are
     bool mGainPrimed = false;       // false: the next gains are taken without gliding
 
-    detail::SnapshotTripleBuffer<Snapshot> mSnapshots;
+    // Spectrum and spread, from the render thread to readers. Readers take mReaderMutex among
+    // themselves (the triple buffer has one reader side); the render thread never touches it.
+    TripleBuffer<Snapshot> mSnapshots;
+    std::mutex mReaderMutex;
 };
 
 } // namespace vell
