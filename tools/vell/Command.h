@@ -78,6 +78,7 @@ int fail(std::string_view message);
 
 #define VELL_COMMAND_CONCAT2(a, b) a##b
 #define VELL_COMMAND_CONCAT(a, b) VELL_COMMAND_CONCAT2(a, b)
+/// VELL_COMMAND({"name", "usage", "summary", {value options}, run});
 #define VELL_COMMAND(...)                                                                          \
     static const bool VELL_COMMAND_CONCAT(gRegistered, __LINE__) =                                 \
-        ::vell::tool::registerCommand(::vell::tool::Command{__VA_ARGS__})
+        ::vell::tool::registerCommand(::vell::tool::Command __VA_ARGS__)

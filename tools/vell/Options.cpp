@@ -66,4 +66,14 @@ ImageSize parseSize(std::string_view text)
     return {int(*w), int(*h)};
 }
 
+int failWith(std::string_view context, const Error& error)
+{
+    std::string message(context);
+    message += (message.empty() ? "" : ": ") + error.localizedDescription();
+    if (const auto reason = error.localizedFailureReason()) {
+        message += ": " + *reason;
+    }
+    return fail(message);
+}
+
 } // namespace vell::tool

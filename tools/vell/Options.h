@@ -1,6 +1,8 @@
 // Option values shared by several vell commands.
 #pragma once
 
+#include <VellAudio/Error.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,5 +29,8 @@ struct ImageSize {
 
 /// Parses "WxH" (e.g. 1200x400); throws UsageError otherwise.
 ImageSize parseSize(std::string_view text);
+
+/// Prints "vell: CONTEXT: DESCRIPTION: REASON" on stderr and returns kExitFailure.
+int failWith(std::string_view context, const Error& error);
 
 } // namespace vell::tool
