@@ -1,0 +1,98 @@
+// Practice documents: a note-entry storage and a playback settings dictionary saved as JSON.
+#pragma once
+
+#include <VellAudio/Error.h>
+#include <VellAudio/Types.h>
+#include <VellAudio/VellNoteEntryStorage.h>
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vell {
+
+/// A practice document: the note entries of one audio file and its playback settings.
+///
+/// JSON form, version 1 (one object; lists are optional and may be empty):
+///
+///     {
+///       "format": "vell-practice-document",
+///       "version": 1,
+///       "sampleRate": 44100,           // the audio file's rate; every location and length
+///                                      // below is a count of frames at this rate
+///       "audioFile": "demo.wav",       // optional, relative to the document
+///       "beats": [{"location": 0, "downbeat": true}, {"location": 13781}],
+///       "tempos": [{"location": 0, "length": 1367100, "tempo": 96}],      // BPM
+///       "timeSignatures": [{"location": 0, "numerator": 4, "denominator": 4}],
+///       "keys": [{"location": 0, "tonic": "Am"}],                        // tonic chord
+///       "notes": [{"location": 0, "length": 27563, "pitch": 76, "channel": 0}], // MIDI note
+///       "chords": [{"location": 0, "length": 110250, "chord": "Am"}],
+///       "regions": [{"location": 0, "length": 441000, "name": "Verse"}],
+///       "markers": [{"location": 330750, "name": "Fill"}],
+///       "settings": { ... }             // the playback settings dictionary, free-form
+///     }
+///
+/// Rules: locations and lengths are integers, never negative (regions have a positive length;
+/// "downbeat", "length", "channel" and "name" may be left out: false, 0, 0, ""); each list is in
+/// ascending location order (strictly for beats, tempos, time signatures, keys and markers; notes
+/// and chords may share a location); regions do not overlap. Unknown keys are ignored. A newer
+/// version is refused. Artificial count-in beats (negative locations) are not saved. Event ids
+/// are not saved: loading hands out fresh ones.
+///
+/// Reading is all or nothing: a malformed document gives an error that names the place
+/// ("beats[3].location: expected an integer") and leaves the document as it was. Limits: 64 MiB
+/// of text, nesting depth 64, 1,000,000 entries per list, 1,000 bytes per name.
+///
+/// Thread: main.
+class VellPracticeDocument {
+public:
+    static constexpr std::string_view kFormatName = "vell-practice-document";
+    static constexpr int kFormatVersion = 1;
+
+    /// An empty document at 44100 Hz with an empty settings object and a new storage.
+    VellPracticeDocument();
+    /// A document around an existing storage (shared with, say, a playback controller).
+    explicit VellPracticeDocument(std::shared_ptr<VellNoteEntryStorage> storage);
+
+    /// A document for a file without one: a 4/4 beat grid at bpm from firstBeatSeconds with one
+    /// tempo entry over the whole file (VellNoteEntryStorage::makeBeatGrid).
+    static std::optional<VellPracticeDocument> documentWithBeatGrid(double bpm, double firstBeatSeconds,
+                                                                    Frame totalFrames, double sampleRate,
+                                                                    Error* outError = nullptr);
+
+    const std::shared_ptr<VellNoteEntryStorage>& noteEntryStorage() const noexcept { return mStorage; }
+    /// The playback settings dictionary (a JSON object).
+    const nlohmann::json& settings() const noexcept { return mSettings; }
+    /// Replaces the settings; anything but an object is refused (returns false).
+    bool setSettings(nlohmann::json settings);
+    double sampleRate() const noexcept { return mSampleRate; }
+    /// Rates outside (0, 1 MHz] are refused (returns false).
+    bool setSampleRate(double sampleRate);
+    const std::string& audioFile() const noexcept { return mAudioFile; }
+    void setAudioFile(std::string audioFile) { mAudioFile = std::move(audioFile); }
+
+    /// Reads a document from JSON text into this one. On success the storage keeps its identity
+    /// and takes the loaded entries (announcing each kind that changed); on failure nothing
+    /// changes and outError names the problem.
+    bool readFromJSONData(std::string_view data, Error* outError = nullptr);
+    /// As readFromJSONData, from a file; errors are prefixed with nothing (the caller knows the
+    /// path) except for I/O failures, which name it.
+    bool readFromFile(const std::filesystem::path& path, Error* outError = nullptr);
+
+    /// The JSON text of the document, one entry per line.
+    std::string JSONData() const;
+    /// Writes JSONData to path through a temporary file in the same directory.
+    bool writeToFile(const std::filesystem::path& path, Error* outError = nullptr) const;
+
+private:
+    std::shared_ptr<VellNoteEntryStorage> mStorage;
+    nlohmann::json mSettings = nlohmann::json::object();
+    double mSampleRate = 44100;
+    std::string mAudioFile;
+};
+
+} // namespace vell
