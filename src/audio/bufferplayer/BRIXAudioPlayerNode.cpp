@@ -2,7 +2,11 @@
 // back, and the render gate that lets a stop take the queue from the render thread.
 #include "audio/bufferplayer/BRIXAudioPlayerNode.h"
 
+#include "support/Format.h"
+#include "support/Log.h"
+
 #include <algorithm>
+#include <exception>
 #include <cmath>
 #include <thread>
 
@@ -133,16 +137,23 @@ void BRIXAudioPlayerNode::deliverCompletions()
         std::shared_ptr<BRIXAudioPCMBuffer> buffer;
         {
             std::lock_guard lock(mScheduleMutex);
-            Slot& slot = mSlots[index];
-            completion = std::move(slot.completion);
-            buffer = std::move(slot.buffer);
-            slot = Slot();
-            mFreeSlots.push_back(index);
+            completion = std::move(mSlots[index].completion);
+            buffer = std::move(mSlots[index].buffer);
+            mSlots[index] = Slot();
         }
         buffer.reset();
         if (completion) {
-            completion();
+            try {
+                completion();
+            } catch (const std::exception& exception) {
+                VELL_LOG_ERROR(vell::format("Caught exception: %s", exception.what()));
+            } catch (...) {
+                VELL_LOG_ERROR("Caught exception in a buffer completion handler");
+            }
         }
+        // Counted as queued until its handler has run.
+        std::lock_guard lock(mScheduleMutex);
+        mFreeSlots.push_back(index);
     }
 }
 

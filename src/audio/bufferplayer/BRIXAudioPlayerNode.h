@@ -23,7 +23,7 @@ class BRIXAudioEngine;
 /// Every buffer scheduled gets exactly one completion: after its last frame was rendered, or
 /// when a stop of the node or of its engine drops it. Completion handlers run on the engine's
 /// completion thread (on the calling thread for a node attached to no engine), never on the
-/// render thread, in the order the buffers were scheduled.
+/// render thread, in the order the buffers were scheduled. A handler that throws is logged.
 ///
 /// Hand-offs: scheduled buffers reach the render thread as slot numbers through an SPSC ring;
 /// finished ones come back through a second ring to the completion worker, which releases the
@@ -65,7 +65,7 @@ public:
     float volume() const noexcept { return mVolume.load(); }
     void setVolume(float volume) noexcept;
 
-    /// Buffers scheduled whose completion has not yet been delivered. Thread: any (snapshot).
+    /// Buffers scheduled whose completion handler has not yet returned. Thread: any (snapshot).
     std::uint32_t queuedBufferCount() const;
     /// Render cycles that wanted frames while playing and found the queue empty.
     std::uint64_t underrunCount() const noexcept { return mUnderruns.load(); }
