@@ -1,0 +1,602 @@
+// Decoding real files made at test time by ffmpeg and sox from a known signal, checked against
+// the source and against FFmpeg's own decode of the same file.
+#include "VellAudio/BRIXExtendedAudioFile.h"
+
+#include "AudioTestFiles.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <random>
+
+namespace vell {
+namespace {
+
+using test::Audio;
+using test::quoted;
+
+constexpr int kRate = 44100;
+// Deliberately no multiple of any codec's packet size.
+constexpr std::size_t kFrames = 110'037;
+
+bool haveTools()
+{
+    return test::haveTool("ffmpeg") && test::haveTool("ffprobe") && test::haveTool("sox");
+}
+
+/// The source signal and its float WAV, shared by every test of this file.
+class Sources {
+public:
+    static Sources& shared()
+    {
+        static Sources sources;
+        return sources;
+    }
+    const Audio& signal() const { return mSignal; }
+    const std::filesystem::path& wav() const { return mWav; }
+    const test::TemporaryDirectory& directory() const { return mDirectory; }
+
+private:
+    Sources() : mSignal(test::makeTestSignal(kFrames, 2, kRate)), mWav(mDirectory / "source.wav")
+    {
+        test::writeWav(mWav, mSignal, 32, true);
+    }
+    test::TemporaryDirectory mDirectory;
+    Audio mSignal;
+    std::filesystem::path mWav;
+};
+
+/// Left or right channel of interleaved audio.
+std::vector<float> channelOf(const Audio& audio, int channel)
+{
+    std::vector<float> out(audio.frames());
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        out[i] = audio.at(i, channel);
+    }
+    return out;
+}
+
+std::vector<float> channelOf(const BRIXExtendedAudioFile& file, std::uint32_t channel)
+{
+    const auto data = file.channelData(channel);
+    return {data.begin(), data.end()};
+}
+
+enum class Count {
+    Source,   // the source's frame count exactly (lossless, or gapless metadata honoured)
+    FFmpeg,   // whatever FFmpeg's own decode gives, aligned with the source
+    Untrimmed // FFmpeg's count; nothing says how much delay to drop, so the start is late
+};
+
+struct FormatCase {
+    const char* name;
+    const char* extension;
+    const char* command; // {in} and {out} are replaced
+    Count count;
+    /// Largest difference from the source allowed, or a negative number for lossy codecs.
+    double sourceTolerance;
+    int rate;
+    const char* container;
+    const char* codec;
+    std::uint32_t bitsPerSample;
+};
+
+std::ostream& operator<<(std::ostream& out, const FormatCase& c)
+{
+    return out << c.name;
+}
+
+std::string replaced(std::string text, const std::string& key, const std::string& value)
+{
+    for (auto at = text.find(key); at != std::string::npos; at = text.find(key, at + value.size())) {
+        text.replace(at, key.size(), value);
+    }
+    return text;
+}
+
+const FormatCase kFormats[] = {
+    {"wav16", "wav", "ffmpeg -y -i {in} -c:a pcm_s16le {out}", Count::Source, 1.0 / 32768, kRate,
+     "wav", "pcm_s16le", 16},
+    {"wav24", "wav", "ffmpeg -y -i {in} -c:a pcm_s24le {out}", Count::Source, 1.0 / 8388608,
+     kRate, "wav", "pcm_s24le", 24},
+    {"wav32", "wav", "ffmpeg -y -i {in} -c:a pcm_s32le {out}", Count::Source, 1e-7, kRate, "wav",
+     "pcm_s32le", 32},
+    {"wavfloat", "wav", "ffmpeg -y -i {in} -c:a pcm_f32le {out}", Count::Source, 0, kRate, "wav",
+     "pcm_f32le", 32},
+    {"aiff", "aiff", "sox {in} -D -b 16 {out}", Count::Source, 1.0 / 32768, kRate, "aiff",
+     "pcm_s16be", 16},
+    {"aifc", "aifc", "sox {in} -e floating-point -b 32 {out}", Count::Source, 1e-7, kRate, "aiff",
+     "pcm_f32be", 32},
+    {"flac16", "flac", "sox {in} -D -b 16 {out}", Count::Source, 1.0 / 32768, kRate, "flac",
+     "flac", 16},
+    {"flac24", "flac", "ffmpeg -y -i {in} -c:a flac {out}", Count::Source, 2.5e-7, kRate, "flac",
+     "flac", 24},
+    {"alac", "m4a", "ffmpeg -y -i {in} -c:a alac {out}", Count::Source, 2.5e-7, kRate, "mp4",
+     "alac", 24},
+    {"mp3", "mp3", "ffmpeg -y -i {in} -c:a libmp3lame -b:a 192k {out}", Count::Source, -1, kRate,
+     "mp3", "mp3", 0},
+    {"aac", "m4a", "ffmpeg -y -i {in} -c:a aac -b:a 192k {out}", Count::Source, -1, kRate, "mp4",
+     "aac", 0},
+    {"mp3NoLameHeader", "mp3", "ffmpeg -y -i {in} -c:a libmp3lame -write_xing 0 {out}",
+     Count::Untrimmed, -1, kRate, "mp3", "mp3", 0},
+    {"vorbis", "ogg", "ffmpeg -y -i {in} -c:a libvorbis -q:a 6 {out}", Count::FFmpeg, -1, kRate,
+     "ogg", "vorbis", 0},
+    {"opus", "opus", "ffmpeg -y -i {in} -c:a libopus -b:a 160k {out}", Count::FFmpeg, -1, 48000,
+     "ogg", "opus", 0},
+};
+
+class AudioFileFormatTest : public testing::TestWithParam<FormatCase> {
+protected:
+    void SetUp() override
+    {
+        if (!haveTools()) {
+            GTEST_SKIP() << "ffmpeg, ffprobe and sox are needed";
+        }
+    }
+
+    std::filesystem::path make(const FormatCase& c)
+    {
+        const auto& sources = Sources::shared();
+        const auto out = sources.directory() / (std::string(c.name) + "." + c.extension);
+        std::string command = replaced(c.command, "{in}", quoted(sources.wav()));
+        command = replaced(command, "{out}", quoted(out));
+        EXPECT_TRUE(test::run(command)) << command;
+        return out;
+    }
+};
+
+TEST_P(AudioFileFormatTest, DecodesExactlyAlignedAndLikeFFmpeg)
+{
+    const FormatCase& c = GetParam();
+    const auto path = make(c);
+    Error error;
+    const auto file = BRIXExtendedAudioFile::create(path, &error);
+    ASSERT_TRUE(file) << error.description();
+    const Audio reference = test::decodeWithFFmpeg(path);
+    ASSERT_GT(reference.frames(), 0u);
+
+    EXPECT_EQ(file->sampleRate(), c.rate);
+    EXPECT_EQ(file->channelCount(), 2u);
+    EXPECT_EQ(file->clientFormat(), makeFloatNonInterleavedFormat(c.rate, 2));
+    EXPECT_EQ(file->sourceFormat().container, c.container);
+    EXPECT_EQ(file->sourceFormat().codec, c.codec);
+    EXPECT_EQ(file->sourceFormat().channels, 2u);
+    EXPECT_EQ(file->sourceFormat().bitsPerSample, c.bitsPerSample);
+    EXPECT_EQ(file->path(), path);
+
+    const Frame frames = file->frameCount();
+    if (c.count == Count::Source) {
+        EXPECT_EQ(frames, Frame(kFrames));
+    } else {
+        EXPECT_EQ(frames, Frame(reference.frames()));
+    }
+    // FFmpeg may decode more (an MP4's padding) but never less.
+    ASSERT_LE(frames, Frame(reference.frames()));
+
+    // The same samples FFmpeg decodes, over our whole length.
+    for (std::uint32_t channel = 0; channel < 2; ++channel) {
+        const auto data = file->channelData(channel);
+        ASSERT_EQ(Frame(data.size()), frames);
+        float worst = 0;
+        for (Frame i = 0; i < frames; ++i) {
+            worst = std::max(worst, std::abs(data[std::size_t(i)] - reference.at(std::size_t(i), int(channel))));
+        }
+        EXPECT_LE(worst, 1e-6f) << "channel " << channel;
+    }
+
+    if (c.rate != kRate || c.count == Count::Untrimmed) {
+        return;
+    }
+    const Audio& source = Sources::shared().signal();
+    if (c.sourceTolerance >= 0) {
+        for (std::uint32_t channel = 0; channel < 2; ++channel) {
+            const auto data = file->channelData(channel);
+            double worst = 0;
+            for (std::size_t i = 0; i < kFrames && i < data.size(); ++i) {
+                worst = std::max(worst, double(std::abs(data[i] - source.at(i, int(channel)))));
+            }
+            EXPECT_LE(worst, c.sourceTolerance * 1.001) << "channel " << channel;
+        }
+    } else {
+        // Lossy: no delay left at the start, and the signal is clearly the source's.
+        const auto left = channelOf(*file, 0);
+        const auto sourceLeft = channelOf(source, 0);
+        EXPECT_EQ(test::bestLag(sourceLeft, left, 2200), 0);
+        double noise = 0;
+        double energy = 0;
+        for (std::size_t i = 0; i < std::min(left.size(), sourceLeft.size()); ++i) {
+            noise += (left[i] - sourceLeft[i]) * (left[i] - sourceLeft[i]);
+            energy += sourceLeft[i] * sourceLeft[i];
+        }
+        EXPECT_LT(noise / energy, 0.05);
+        // The channels are not swapped.
+        const auto right = channelOf(*file, 1);
+        const auto sourceRight = channelOf(source, 1);
+        double same = 0;
+        double swapped = 0;
+        for (std::size_t i = 4096; i < 20480; ++i) {
+            same += double(right[i]) * sourceRight[i];
+            swapped += double(right[i]) * sourceLeft[i];
+        }
+        EXPECT_GT(same, 4 * std::abs(swapped));
+    }
+}
+
+TEST_P(AudioFileFormatTest, ReadsAtRandomFramesAreSampleAccurate)
+{
+    const auto path = make(GetParam());
+    const auto file = BRIXExtendedAudioFile::create(path);
+    ASSERT_TRUE(file);
+    const Audio reference = test::decodeWithFFmpeg(path);
+    const Frame frames = file->frameCount();
+    ASSERT_LE(frames, Frame(reference.frames()));
+
+    std::mt19937 random(42);
+    std::vector<float> left(4096);
+    std::vector<float> right(4096);
+    for (int round = 0; round < 50; ++round) {
+        const Frame start = Frame(random() % std::uint64_t(frames));
+        const auto capacity = std::uint32_t(1 + random() % 4096);
+        SCOPED_TRACE(testing::Message() << "start " << start << " capacity " << capacity);
+        ASSERT_TRUE(file->seekToFrame(start));
+        AudioBufferList list;
+        list.mNumberBuffers = 2;
+        list.mBuffers[0] = {1, capacity * std::uint32_t(sizeof(float)), left.data()};
+        list.mBuffers[1] = {1, capacity * std::uint32_t(sizeof(float)), right.data()};
+        std::uint32_t read = 0;
+        ASSERT_TRUE(file->readIntoAudioBufferList(&list, file->currentFrame(), &read));
+        ASSERT_EQ(read, std::uint32_t(std::min<Frame>(capacity, frames - start)));
+        for (std::uint32_t i = 0; i < read; ++i) {
+            const auto at = std::size_t(start) + i;
+            ASSERT_NEAR(left[i], reference.at(at, 0), 1e-6) << "frame " << at;
+            ASSERT_NEAR(right[i], reference.at(at, 1), 1e-6) << "frame " << at;
+        }
+        EXPECT_EQ(file->currentFrame(), start + read);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, AudioFileFormatTest, testing::ValuesIn(kFormats),
+                         [](const testing::TestParamInfo<FormatCase>& formatCase) {
+                             return std::string(formatCase.param.name);
+                         });
+
+class AudioFileDecodingTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!haveTools()) {
+            GTEST_SKIP() << "ffmpeg, ffprobe and sox are needed";
+        }
+    }
+    std::filesystem::path path(std::string_view name) const { return mDirectory / name; }
+
+    test::TemporaryDirectory mDirectory;
+};
+
+TEST_F(AudioFileDecodingTest, MonoIsDuplicatedIntoBothChannels)
+{
+    const Audio mono = test::makeTestSignal(50'000, 1, kRate);
+    test::writeWav(path("mono.wav"), mono, 16, false);
+    ASSERT_TRUE(test::run("ffmpeg -y -i " + quoted(path("mono.wav")) + " -c:a libmp3lame " +
+                          quoted(path("mono.mp3"))));
+    for (const char* name : {"mono.wav", "mono.mp3"}) {
+        SCOPED_TRACE(name);
+        const auto file = BRIXExtendedAudioFile::create(path(name));
+        ASSERT_TRUE(file);
+        EXPECT_EQ(file->channelCount(), 2u);
+        EXPECT_EQ(file->sourceFormat().channels, 1u);
+        EXPECT_EQ(file->frameCount(), 50'000);
+        const Audio reference = test::decodeWithFFmpeg(path(name));
+        ASSERT_EQ(reference.channels, 1);
+        const auto left = file->channelData(0);
+        const auto right = file->channelData(1);
+        for (std::size_t i = 0; i < left.size(); ++i) {
+            ASSERT_EQ(left[i], right[i]);
+            ASSERT_NEAR(left[i], reference.samples[i], 1e-6);
+        }
+    }
+}
+
+TEST_F(AudioFileDecodingTest, SurroundIsFoldedDownToStereo)
+{
+    // 5.1: front left, front right, centre, LFE, side left, side right.
+    const std::uint32_t mask = 0x60F;
+    const Audio surround = test::makeTestSignal(30'000, 6, 48000);
+    test::writeWav(path("surround.wav"), surround, 24, false, mask);
+    ASSERT_TRUE(test::run("ffmpeg -y -i " + quoted(path("surround.wav")) + " -c:a aac " +
+                          quoted(path("surround.m4a"))));
+    for (const char* name : {"surround.wav", "surround.m4a"}) {
+        SCOPED_TRACE(name);
+        const auto file = BRIXExtendedAudioFile::create(path(name));
+        ASSERT_TRUE(file);
+        EXPECT_EQ(file->channelCount(), 2u);
+        EXPECT_EQ(file->sourceFormat().channels, 6u);
+        EXPECT_EQ(file->sampleRate(), 48000);
+        EXPECT_EQ(file->frameCount(), 30'000);
+        // The standard downmix, as FFmpeg itself folds 5.1 into stereo.
+        const Audio reference = test::decodeWithFFmpeg(path(name), "-ac 2");
+        ASSERT_EQ(reference.channels, 2);
+        for (std::uint32_t channel = 0; channel < 2; ++channel) {
+            const auto data = file->channelData(channel);
+            for (std::size_t i = 0; i < data.size(); ++i) {
+                ASSERT_NEAR(data[i], reference.at(i, int(channel)), 1e-5) << i;
+            }
+        }
+    }
+
+    // Only the front left channel sounds: nothing of it reaches the right.
+    Audio left = surround;
+    for (std::size_t i = 0; i < left.frames(); ++i) {
+        for (int c = 1; c < 6; ++c) {
+            left.samples[i * 6 + std::size_t(c)] = 0;
+        }
+    }
+    test::writeWav(path("left.wav"), left, 32, true, mask);
+    const auto file = BRIXExtendedAudioFile::create(path("left.wav"));
+    ASSERT_TRUE(file);
+    float leftPeak = 0;
+    float rightPeak = 0;
+    for (std::size_t i = 0; i < std::size_t(file->frameCount()); ++i) {
+        leftPeak = std::max(leftPeak, std::abs(file->channelData(0)[i]));
+        rightPeak = std::max(rightPeak, std::abs(file->channelData(1)[i]));
+    }
+    EXPECT_GT(leftPeak, 0.2f);
+    EXPECT_EQ(rightPeak, 0.0f);
+}
+
+TEST_F(AudioFileDecodingTest, KeepsTheFilesOwnSampleRate)
+{
+    const Audio high = test::makeTestSignal(96'000, 2, 96000);
+    test::writeWav(path("high.wav"), high, 24, false);
+    ASSERT_TRUE(test::run("ffmpeg -y -i " + quoted(path("high.wav")) + " -c:a flac " +
+                          quoted(path("high.flac"))));
+    const auto file = BRIXExtendedAudioFile::create(path("high.flac"));
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->sampleRate(), 96000);
+    EXPECT_EQ(file->frameCount(), 96'000);
+    EXPECT_DOUBLE_EQ(file->duration(), 1.0);
+}
+
+TEST_F(AudioFileDecodingTest, TheSupportedRangeOfRatesAndChannelsIsInclusive)
+{
+    struct Case {
+        int rate;
+        int channels;
+        bool supported;
+    };
+    for (const Case c : {Case{8000, 2, true}, Case{384000, 2, true}, Case{44100, 8, true},
+                         Case{7999, 2, false}, Case{384001, 2, false}, Case{44100, 9, false}}) {
+        SCOPED_TRACE(testing::Message() << c.rate << " Hz, " << c.channels << " channels");
+        Audio audio = test::makeTestSignal(4000, c.channels, c.rate < 16000 ? 16000 : c.rate);
+        audio.sampleRate = c.rate;
+        const auto file = path("range.wav");
+        test::writeWav(file, audio, 16, false, c.channels > 2 ? (1u << c.channels) - 1 : 0);
+        Error error;
+        const auto decoded = BRIXExtendedAudioFile::create(file, &error);
+        if (c.supported) {
+            ASSERT_TRUE(decoded) << error.description();
+            EXPECT_EQ(decoded->frameCount(), 4000);
+            EXPECT_EQ(decoded->sampleRate(), c.rate);
+        } else {
+            EXPECT_FALSE(decoded);
+            EXPECT_NE(error.localizedFailureReason().value_or("").find("unsupported format"),
+                      std::string::npos)
+                << error.description();
+        }
+    }
+}
+
+TEST_F(AudioFileDecodingTest, ReportsProgressAndCanBeCancelled)
+{
+    const Audio audio = test::makeTestSignal(20 * kRate, 2, kRate);
+    test::writeWav(path("long.wav"), audio, 16, false);
+    ASSERT_TRUE(test::run("ffmpeg -y -i " + quoted(path("long.wav")) + " -c:a libmp3lame " +
+                          quoted(path("long.mp3"))));
+
+    std::vector<double> fractions;
+    const auto file = BRIXExtendedAudioFile::create(path("long.mp3"), nullptr, [&](double f) {
+        fractions.push_back(f);
+        return true;
+    });
+    ASSERT_TRUE(file);
+    ASSERT_GE(fractions.size(), 3u);
+    EXPECT_EQ(fractions.front(), 0.0);
+    EXPECT_EQ(fractions.back(), 1.0);
+    EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
+
+    test::LogCapture log;
+    Error error;
+    int calls = 0;
+    const auto cancelled = BRIXExtendedAudioFile::create(path("long.mp3"), &error, [&](double f) {
+        ++calls;
+        return f < 0.3;
+    });
+    EXPECT_FALSE(cancelled);
+    EXPECT_EQ(error.domain(), kVellErrorDomain);
+    EXPECT_NE(error.localizedFailureReason().value_or("").find("cancelled"), std::string::npos);
+    EXPECT_LT(calls, int(fractions.size()));
+    // Cancelling is the caller's choice, not an error worth logging.
+    EXPECT_TRUE(log.lines().empty());
+}
+
+// ---- Bad input: a clear error, one log line, never a crash.
+
+class BadAudioFileTest : public AudioFileDecodingTest {
+protected:
+    /// Opens a file that must fail with `reason` in the failure reason.
+    void expectBadFile(const std::filesystem::path& file, std::string_view reason)
+    {
+        SCOPED_TRACE(file.filename().string());
+        test::LogCapture log;
+        Error error;
+        const auto opened = BRIXExtendedAudioFile::create(file, &error);
+        EXPECT_FALSE(opened);
+        EXPECT_EQ(error.domain(), kVellErrorDomain);
+        EXPECT_EQ(error.code(), 0);
+        EXPECT_EQ(error.localizedDescription(), "Bad Audio File");
+        EXPECT_NE(error.localizedFailureReason().value_or("").find(reason), std::string::npos)
+            << error.description();
+        const auto lines = log.lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_NE(lines[0].find("(ERROR)"), std::string::npos) << lines[0];
+        EXPECT_NE(lines[0].find(file.filename().string()), std::string::npos) << lines[0];
+        // A null error slot is fine too.
+        EXPECT_FALSE(BRIXExtendedAudioFile::create(file));
+    }
+
+    void writeText(const std::filesystem::path& file, std::string_view text)
+    {
+        std::ofstream(file, std::ios::binary).write(text.data(), std::streamsize(text.size()));
+    }
+
+    /// The source signal as a short file of the given kind.
+    std::filesystem::path encoded(const std::string& name, const std::string& arguments)
+    {
+        if (!std::filesystem::exists(path("short.wav"))) {
+            test::writeWav(path("short.wav"), test::makeTestSignal(3 * kRate, 2, kRate), 16, false);
+        }
+        EXPECT_TRUE(test::run("ffmpeg -y -i " + quoted(path("short.wav")) + " " + arguments + " " +
+                              quoted(path(name))));
+        return path(name);
+    }
+
+    static std::string bytesOf(const std::filesystem::path& file)
+    {
+        std::ifstream in(file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+};
+
+TEST_F(BadAudioFileTest, MissingEmptyAndNonAudioFiles)
+{
+    expectBadFile(path("missing.mp3"), "does not exist");
+
+    writeText(path("empty.wav"), "");
+    expectBadFile(path("empty.wav"), "empty");
+
+    std::filesystem::create_directory(path("folder.mp3"));
+    expectBadFile(path("folder.mp3"), "not an audio file");
+
+    writeText(path("text.mp3"), "These are the lyrics of a song, not the song itself.\n");
+    expectBadFile(path("text.mp3"), "not an audio file");
+
+    std::string noise(100'000, '\0');
+    std::mt19937 random(3);
+    for (char& byte : noise) {
+        byte = char(random());
+    }
+    writeText(path("noise.mp3"), noise);
+    expectBadFile(path("noise.mp3"), "not an audio file");
+    writeText(path("noise.m4a"), noise);
+    expectBadFile(path("noise.m4a"), "not an audio file");
+
+    ASSERT_TRUE(test::run("ffmpeg -y -f lavfi -i testsrc=d=0.1:s=32x32 -frames:v 1 " +
+                          quoted(path("picture.png"))));
+    std::filesystem::copy_file(path("picture.png"), path("picture.mp3"));
+    expectBadFile(path("picture.mp3"), "not an audio file");
+}
+
+TEST_F(BadAudioFileTest, FilesWithoutAudio)
+{
+    ASSERT_TRUE(test::run("ffmpeg -y -f lavfi -i testsrc=d=0.5:s=32x32 -c:v mpeg4 " +
+                          quoted(path("video.mp4"))));
+    expectBadFile(path("video.mp4"), "no audio");
+
+    // A valid WAV header with no frames.
+    test::writeWav(path("silent.wav"), Audio{{}, 2, kRate}, 16, false);
+    expectBadFile(path("silent.wav"), "no audio");
+}
+
+TEST_F(BadAudioFileTest, PlaylistsAndScriptsNamedLikeAudioAreRefused)
+{
+    // Each names a real audio file: opening it through the playlist would succeed.
+    test::writeWav(path("real.wav"), test::makeTestSignal(kRate, 2, kRate), 16, false);
+    const std::string real = path("real.wav").string();
+
+    writeText(path("hls.mp3"), "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:2\n"
+                               "#EXTINF:1.0,\n" + real + "\n#EXT-X-ENDLIST\n");
+    expectBadFile(path("hls.mp3"), "not an audio file");
+
+    writeText(path("concat.mp3"), "ffconcat version 1.0\nfile '" + real + "'\n");
+    expectBadFile(path("concat.mp3"), "not an audio file");
+
+    writeText(path("list.mp3"), "#EXTM3U\n#EXTINF:1,Song\n" + real + "\n");
+    expectBadFile(path("list.mp3"), "not an audio file");
+
+    writeText(path("list.m4a"), "[playlist]\nFile1=" + real + "\nNumberOfEntries=1\n");
+    expectBadFile(path("list.m4a"), "not an audio file");
+}
+
+TEST_F(BadAudioFileTest, UnsupportedFormats)
+{
+    Audio audio = test::makeTestSignal(1000, 2, 16000);
+    audio.sampleRate = 4000;
+    test::writeWav(path("slow.wav"), audio, 16, false);
+    expectBadFile(path("slow.wav"), "unsupported format");
+
+    audio.sampleRate = 768000;
+    test::writeWav(path("fast.wav"), audio, 16, false);
+    expectBadFile(path("fast.wav"), "unsupported format");
+
+    const Audio many = test::makeTestSignal(1000, 12, kRate);
+    test::writeWav(path("many.wav"), many, 16, false, 0);
+    expectBadFile(path("many.wav"), "unsupported format");
+}
+
+TEST_F(BadAudioFileTest, MP4WithoutItsIndexIsIncompleteOrDamaged)
+{
+    // The index (moov) is written after the audio unless asked otherwise: half a file has none.
+    const auto full = bytesOf(encoded("full.m4a", "-c:a aac"));
+    writeText(path("half.m4a"), std::string_view(full).substr(0, full.size() / 2));
+    expectBadFile(path("half.m4a"), "incomplete or damaged");
+
+    writeText(path("header.m4a"), std::string_view(full).substr(0, 40));
+    expectBadFile(path("header.m4a"), "incomplete or damaged");
+}
+
+TEST_F(BadAudioFileTest, TruncatedAndDamagedFilesPlayWhatDecodes)
+{
+    struct Case {
+        const char* name;
+        const char* arguments;
+    };
+    for (const Case c : {Case{"cut.mp3", "-c:a libmp3lame"}, Case{"cut.flac", "-c:a flac"},
+                         Case{"cut.wav", "-c:a pcm_s16le"}, Case{"cut.ogg", "-c:a libvorbis"},
+                         Case{"cut.m4a", "-c:a aac -movflags +faststart"}}) {
+        SCOPED_TRACE(c.name);
+        const auto full = bytesOf(encoded(std::string("full-") + c.name, c.arguments));
+        writeText(path(c.name), std::string_view(full).substr(0, full.size() * 6 / 10));
+
+        const auto file = BRIXExtendedAudioFile::create(path(c.name));
+        ASSERT_TRUE(file);
+        EXPECT_GT(file->frameCount(), kRate);
+        EXPECT_LT(file->frameCount(), 3 * kRate * 7 / 10);
+        const Audio reference = test::decodeWithFFmpeg(path(c.name));
+        EXPECT_LE(file->frameCount(), Frame(reference.frames()));
+        const auto left = file->channelData(0);
+        for (std::size_t i = 0; i < left.size(); ++i) {
+            ASSERT_NEAR(left[i], reference.at(i, 0), 1e-6) << i;
+        }
+    }
+
+    // Garbage over part of the stream: what FFmpeg decodes of it, decodes here too.
+    for (const char* name : {"full-cut.mp3", "full-cut.flac", "full-cut.ogg", "full-cut.wav"}) {
+        SCOPED_TRACE(name);
+        std::string bytes = bytesOf(path(name));
+        std::mt19937 random(11);
+        for (std::size_t i = bytes.size() / 3; i < bytes.size() / 3 + 1500; ++i) {
+            bytes[i] = char(random());
+        }
+        const auto damaged = path(std::string("damaged-") + name);
+        writeText(damaged, bytes);
+        const auto file = BRIXExtendedAudioFile::create(damaged);
+        ASSERT_TRUE(file);
+        EXPECT_GT(file->frameCount(), kRate / 2);
+        EXPECT_EQ(file->frameCount(), Frame(test::decodeWithFFmpeg(damaged).frames()));
+    }
+}
+
+} // namespace
+} // namespace vell
