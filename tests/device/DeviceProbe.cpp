@@ -2,6 +2,7 @@
 // default output, or watches the default output while a command changes it.
 //
 //   vell_device_probe sine [--frequency HZ] [--seconds S] [--rate HZ] [--device NAME]
+//                          [--pause-after S]   (stops there for 0.4 s, then starts again)
 //   vell_device_probe watch-default --command "SHELL COMMAND" [--seconds S]
 //   vell_device_probe list
 #include "platform/MainQueue.h"
@@ -81,6 +82,7 @@ int sine(int argc, char** argv)
     const double seconds = std::atof(option(argc, argv, "--seconds", "1.5"));
     const double rate = std::atof(option(argc, argv, "--rate", "44100"));
     const char* deviceName = option(argc, argv, "--device", nullptr);
+    const double pauseAfter = std::atof(option(argc, argv, "--pause-after", "0"));
 
     BRIXAudioHardware& hardware = BRIXAudioHardware::shared();
     AudioDeviceID device = hardware.defaultOutputDeviceID();
@@ -105,7 +107,21 @@ int sine(int argc, char** argv)
         std::fprintf(stderr, "the stream did not start\n");
         return 1;
     }
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    if (pauseAfter > 0 && pauseAfter < seconds) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(pauseAfter));
+        if (stream->stop() != noErr || stream->isRunning()) {
+            std::fprintf(stderr, "the stream did not stop\n");
+            return 1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        if (stream->start() != noErr || !stream->isRunning()) {
+            std::fprintf(stderr, "the stream did not start again\n");
+            return 1;
+        }
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds - pauseAfter));
+    } else {
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    }
     stream->stop();
     std::printf("device %u rate %g latency %g s + %u + %u frames\n", stream->device(),
                 stream->sampleRate(), stream->outputStageLatencySeconds(),

@@ -10,6 +10,7 @@
 #include "platform/device/PulseServerMonitor.h"
 #include "support/Format.h"
 #include "support/Localized.h"
+#include "support/Log.h"
 
 #include <algorithm>
 #include <cctype>
@@ -147,6 +148,9 @@ struct BRIXAudioHardware::Impl {
             if (named && *named) {
                 if (std::optional<AudioDeviceID> found = findNamed(allDevices(), named)) {
                     override = *found;
+                } else {
+                    VELL_LOG_ERROR(vell::format("%s names no audio output device: %s",
+                                                kAudioDeviceEnvironmentVariable.data(), named));
                 }
             }
         }
