@@ -5,6 +5,7 @@
 #include "platform/device/NullOutputStream.h"
 
 #include "DeviceTestSignals.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -76,6 +77,21 @@ TEST_F(BRIXAudioHardwareTest, AnOverrideStandsInForTheDefaultOutput)
     const AudioDeviceID systemDefault = hardware.defaultOutputDeviceID();
     const bool haveCard = hardware.outputDevices().size() > 1;
     EXPECT_EQ(systemDefault == kNullAudioDeviceID, !haveCard);
+}
+
+TEST_F(BRIXAudioHardwareTest, TheEnvironmentCanNameTheDeviceThatStandsInForTheDefault)
+{
+    // Read once per process, so a fresh process lists the devices.
+    const std::string probe = VELL_DEVICE_PROBE;
+    int status = -1;
+    std::string listed = commandOutput("VELL_AUDIO_DEVICE=null " + probe + " list", &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_NE(listed.find("*4294967294\tnull\t"), std::string::npos) << listed;
+
+    listed = commandOutput("VELL_AUDIO_DEVICE='no such device' " + probe + " list", &status);
+    ASSERT_EQ(status, 0);
+    const bool haveCard = hardware.outputDevices().size() > 1;
+    EXPECT_EQ(listed.find("*4294967294\tnull\t") != std::string::npos, !haveCard) << listed;
 }
 
 TEST_F(BRIXAudioHardwareTest, RefusesUnknownDevicesAndUnusableStreamsNamingTheProblem)
