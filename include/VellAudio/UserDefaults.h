@@ -35,8 +35,10 @@ public:
     /// A store that keeps its values in memory only.
     static std::shared_ptr<UserDefaults> makeInMemory();
     /// A store kept in the JSON file at path. A missing file is an empty store; the file and
-    /// its directory are made at the first write.
-    static std::shared_ptr<UserDefaults> openFile(const std::filesystem::path& path);
+    /// its directory are made at the first write. The writer thread writes writeDelay after a
+    /// change, gathering the changes made meanwhile.
+    static std::shared_ptr<UserDefaults> openFile(const std::filesystem::path& path,
+                                                  std::chrono::milliseconds writeDelay = kWriteDelay);
     /// "$XDG_CONFIG_HOME/vell/defaults.json", or "~/.config/vell/defaults.json" when that
     /// variable is unset, empty or not an absolute path.
     static std::filesystem::path defaultFilePath();
@@ -78,7 +80,7 @@ public:
     /// The backing file, or nothing for an in-memory store.
     std::optional<std::filesystem::path> filePath() const;
 
-    /// How long the writer waits after a change, gathering more, before it writes.
+    /// How long the writer waits by default after a change, gathering more, before it writes.
     static constexpr std::chrono::milliseconds kWriteDelay{250};
 
 private:

@@ -141,6 +141,7 @@ struct UserDefaults::Impl {
     std::optional<std::filesystem::path> path;
     std::uint64_t changeCount = 0;
     std::uint64_t savedCount = 0;
+    std::chrono::milliseconds writeDelay = kWriteDelay;
 
     // The writer thread, started at the first change of a file store.
     std::condition_variable wake;
@@ -187,7 +188,7 @@ struct UserDefaults::Impl {
                 return;
             }
             // Gather the changes that follow closely into one write.
-            wake.wait_for(lock, kWriteDelay, [this] { return stopping; });
+            wake.wait_for(lock, writeDelay, [this] { return stopping; });
             if (stopping) {
                 return;
             }
@@ -291,10 +292,12 @@ std::shared_ptr<UserDefaults> UserDefaults::makeInMemory()
     return std::shared_ptr<UserDefaults>(new UserDefaults(std::make_unique<Impl>()));
 }
 
-std::shared_ptr<UserDefaults> UserDefaults::openFile(const std::filesystem::path& path)
+std::shared_ptr<UserDefaults> UserDefaults::openFile(const std::filesystem::path& path,
+                                                   std::chrono::milliseconds writeDelay)
 {
     auto impl = std::make_unique<Impl>();
     impl->path = path;
+    impl->writeDelay = writeDelay;
     removeStaleTemporaries(path);
     impl->values = loadStoredValues(path);
     return std::shared_ptr<UserDefaults>(new UserDefaults(std::move(impl)));

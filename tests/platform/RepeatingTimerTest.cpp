@@ -1,6 +1,7 @@
 // Repeating timers: grid, hop to the target queue, coalescing, stop and restart, manual time.
 #include "platform/ManualTime.h"
 #include "platform/RepeatingTimer.h"
+#include "platform/TimerProducer.h"
 
 #include <gtest/gtest.h>
 
@@ -154,6 +155,31 @@ TEST_F(RepeatingTimerTest, HandlerMayStopItsOwnTimer)
     timer->start();
     advance(100ms);
     EXPECT_EQ(mCalls, 1);
+}
+
+TEST_F(RepeatingTimerTest, TimerProducerTicksOnItsQueueUntilDisposedOrItsLifetimeEnds)
+{
+    using TimePoint = MainQueue::Clock::time_point;
+    const auto start = mClock->now();
+    auto producer = timerProducer(67ms, mTarget);
+    std::vector<std::chrono::milliseconds> ticks;
+    auto [lifetime, token] = Lifetime::make();
+    producer.take(lifetime).startWithValues([&](const TimePoint& t) {
+        ticks.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(t - start));
+    });
+    int otherTicks = 0;
+    Disposable other = producer.startWithValues([&](const TimePoint&) { ++otherTicks; });
+
+    advanceAndDrain(*mClock, {&mTarget}, 200ms);
+    EXPECT_EQ(ticks, (std::vector<std::chrono::milliseconds>{67ms, 134ms}));
+    EXPECT_EQ(otherTicks, 2);
+
+    { Lifetime::Token ended = std::move(token); }
+    other.dispose();
+    advanceAndDrain(*mClock, {&mTarget}, 1s);
+    EXPECT_EQ(ticks.size(), 2u);
+    EXPECT_EQ(otherTicks, 2);
+    EXPECT_FALSE(mTarget.nextDueTime().has_value());
 }
 
 TEST(RepeatingTimerProcessQueuesTest, ManualTimeScopeDrivesTheDefaultQueues)
