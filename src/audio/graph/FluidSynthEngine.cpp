@@ -12,6 +12,10 @@
 // chorus, one rendering core (no threads), and no minimum note length. Notes start through
 // fluid_synth_start with our own ids, and a fractional pitch or centred pan is applied to the
 // voices of that id (fine tune and pan generators), which allocates nothing.
+//
+// Above about 65 kHz the SoundFont's shortest envelope delay (-12000 timecents, about 1 ms)
+// spans a whole block, so notes there sound one block (64 frames) after their offset; the
+// time line is still exact and the same whatever the slice size.
 #include "audio/graph/SamplerEngine.h"
 #include "audio/graph/SamplerPreset.h"
 
@@ -188,6 +192,9 @@ void FluidSynthEngine::startNote(std::uint32_t noteId, int channel, int key, int
             fluid_voice_update_param(voice, GEN_PAN);
         }
     }
+    // Voice updates made outside the synth's own calls wait in its event queue until the next
+    // call returns; this one commits them, so they reach the voice's first block.
+    fluid_synth_get_active_voice_count(mSynth);
 }
 
 void FluidSynthEngine::stopNote(std::uint32_t noteId) noexcept
