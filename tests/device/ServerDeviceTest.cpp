@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -93,14 +94,19 @@ std::vector<std::vector<float>> soundingStretches(const std::vector<float>& chan
     return stretches;
 }
 
-TEST_F(ServerDeviceTest, ASinePlayedThroughTheDefaultOutputReachesTheSinkAcrossARestart)
+TEST_F(ServerDeviceTest, ASineThroughTheDefaultOutputReachesTheSinkAcrossRestartsAndResampling)
 {
     TemporaryDirectory directory;
     const std::string capture = (directory / "sink.f32").string();
+    // Played at the sink's rate with a restart in the middle, then once more with the device
+    // forced to 48 kHz so the stream resamples.
+    const std::string sine = shellQuoted(probe) + " sine --frequency 1000 --rate 44100";
     int status = -1;
-    const std::string output = underServer(
-        shellQuoted(probe) + " sine --frequency 1000 --seconds 1.5 --pause-after 0.75", &status,
-        capture);
+    const std::string output =
+        underServer("sh -c " + shellQuoted(sine + " --seconds 1.5 --pause-after 0.75 && sleep 0.4 "
+                                                  "&& VELL_AUDIO_DEVICE_RATE=48000 " +
+                                           sine + " --seconds 0.75"),
+                    &status, capture);
     if (status == kSkipped) {
         GTEST_SKIP() << "no sound server could be started here: " << output;
     }
@@ -118,9 +124,9 @@ TEST_F(ServerDeviceTest, ASinePlayedThroughTheDefaultOutputReachesTheSinkAcrossA
         right.push_back(samples[i + 1]);
     }
 
-    // Two stretches of tone, one before and one after the restart, each at 1 kHz.
+    // Three stretches of tone: before and after the restart, and resampled; each at 1 kHz.
     const std::vector<std::vector<float>> stretches = soundingStretches(left);
-    ASSERT_EQ(stretches.size(), 2u) << output;
+    ASSERT_EQ(stretches.size(), 3u) << output;
     for (const std::vector<float>& stretch : stretches) {
         const double seconds = static_cast<double>(stretch.size()) / kSinkRate;
         EXPECT_GT(seconds, 0.6) << output;
@@ -130,8 +136,26 @@ TEST_F(ServerDeviceTest, ASinePlayedThroughTheDefaultOutputReachesTheSinkAcrossA
         EXPECT_NEAR(peakOf(inner), 0.5f, 0.05f);
     }
     const std::vector<std::vector<float>> rightStretches = soundingStretches(right);
-    ASSERT_EQ(rightStretches.size(), 2u);
+    ASSERT_EQ(rightStretches.size(), 3u);
     EXPECT_NEAR(zeroCrossingFrequency(rightStretches[0], kSinkRate), 1000.0, 3.0);
+
+    // The probe reports the stream's latency: no resampler delay at first, some the last time.
+    std::istringstream lines(output);
+    std::string line;
+    std::vector<unsigned> streamLatencies;
+    while (std::getline(lines, line)) {
+        unsigned device = 0, deviceLatency = 0, streamLatency = 0;
+        double rate = 0, seconds = 0;
+        if (std::sscanf(line.c_str(), "device %u rate %lf latency %lf s + %u + %u frames", &device,
+                        &rate, &seconds, &deviceLatency, &streamLatency) == 5) {
+            EXPECT_EQ(rate, kSinkRate);
+            EXPECT_GT(seconds, 0.0);
+            streamLatencies.push_back(streamLatency);
+        }
+    }
+    ASSERT_EQ(streamLatencies.size(), 2u) << output;
+    EXPECT_EQ(streamLatencies[0], 0u);
+    EXPECT_GT(streamLatencies[1], 0u);
 }
 
 TEST_F(ServerDeviceTest, ChangingTheDefaultSinkCallsTheListenerOnTheMainQueue)

@@ -25,6 +25,9 @@ inline constexpr std::string_view kNullAudioDeviceName = "null";
 /// Environment variable naming the device that stands in for the default output ("null" or a
 /// device name), read once when the hardware is first used.
 inline constexpr std::string_view kAudioDeviceEnvironmentVariable = "VELL_AUDIO_DEVICE";
+/// Environment variable giving the rate to run real devices at (streams at other rates then
+/// resample), read when a stream opens. For diagnosing devices and testing the resampler.
+inline constexpr std::string_view kAudioDeviceRateEnvironmentVariable = "VELL_AUDIO_DEVICE_RATE";
 
 /// Transport types, as four-character codes.
 inline constexpr OSType kAudioDeviceTransportTypeUnknown = 0;

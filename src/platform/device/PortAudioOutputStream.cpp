@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
 namespace vell::detail {
 
@@ -64,10 +65,15 @@ PortAudioOutputStream::open(int paIndex, AudioDeviceID device, double sampleRate
     QuietStandardError quiet;
     PaError lastError = paInvalidSampleRate;
     // The stream's own rate first; the device's default rate (resampling) when it is refused.
-    const double rates[2] = {sampleRate, info.defaultSampleRate};
+    double rates[2] = {sampleRate, info.defaultSampleRate};
+    if (const char* forced = std::getenv(kAudioDeviceRateEnvironmentVariable.data())) {
+        if (const double rate = std::atof(forced); rate > 0) {
+            rates[0] = rates[1] = rate;
+        }
+    }
     for (int attempt = 0; attempt < 2; ++attempt) {
         const double deviceRate = rates[attempt];
-        if (!(deviceRate > 0) || (attempt == 1 && deviceRate == sampleRate)) {
+        if (!(deviceRate > 0) || (attempt == 1 && deviceRate == rates[0])) {
             continue;
         }
         const PaError supported = Pa_IsFormatSupported(nullptr, &parameters, deviceRate);
@@ -106,7 +112,6 @@ PortAudioOutputStream::open(int paIndex, AudioDeviceID device, double sampleRate
 PortAudioOutputStream::~PortAudioOutputStream()
 {
     if (mStream) {
-        QuietStandardError quiet;
         Pa_AbortStream(mStream);
         Pa_CloseStream(mStream);
     }
@@ -120,7 +125,6 @@ OSStatus PortAudioOutputStream::start()
     if (Pa_IsStreamStopped(mStream) == 1) {
         mRenderer.reset();
     }
-    QuietStandardError quiet;
     return static_cast<OSStatus>(Pa_StartStream(mStream));
 }
 
@@ -129,7 +133,6 @@ OSStatus PortAudioOutputStream::stop()
     if (Pa_IsStreamStopped(mStream) == 1) {
         return noErr;
     }
-    QuietStandardError quiet;
     return static_cast<OSStatus>(Pa_StopStream(mStream));
 }
 
