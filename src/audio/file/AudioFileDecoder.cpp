@@ -119,13 +119,15 @@ std::string containerName(const AVFormatContext* format)
 /// Where decoded samples go: one or two growing planes in the client format.
 class SampleSink {
 public:
-    bool prepare(int outChannels, std::size_t reserveFrames)
+    /// Reserves room for the frames expected; `certainFrames` of them will surely be written.
+    bool prepare(int outChannels, std::size_t reserveFrames, std::size_t certainFrames)
     {
         mBuffers.resize(std::size_t(outChannels));
         for (auto& buffer : mBuffers) {
             if (!buffer.reserve(reserveFrames) && !buffer.reserve(std::size_t(1) << 20)) {
                 return false;
             }
+            buffer.adviseHugePages(certainFrames);
         }
         return true;
     }
@@ -534,7 +536,9 @@ private:
                                                  : std::size_t(mRate) * 60;
         mChunkFrames = std::size_t(mRate) * 30;
         mConverter.start(mRate, outChannels);
-        if (!mSink.prepare(outChannels, reserve)) {
+        // Huge pages over most of the estimate; near its end ordinary pages, so a huge page the
+        // decode ends inside costs nothing.
+        if (!mSink.prepare(outChannels, reserve, estimate - estimate / 50)) {
             return Failure{std::string(kReasonTooLarge)};
         }
         return std::nullopt;

@@ -1,6 +1,7 @@
 // A growable array of samples in its own anonymous memory mapping.
 #include "audio/file/SampleBuffer.h"
 
+#include <algorithm>
 #include <limits>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -66,12 +67,19 @@ bool SampleBuffer::reserve(std::size_t samples) noexcept
     if (memory == MAP_FAILED) {
         return false;
     }
-    // Huge pages where the system offers them: far fewer page faults while the decoder fills
-    // the buffer. Only advice; it may be declined.
-    madvise(memory, bytes, MADV_HUGEPAGE);
     mData = static_cast<float*>(memory);
     mBytes = bytes;
     return true;
+}
+
+void SampleBuffer::adviseHugePages(std::size_t samples) noexcept
+{
+    constexpr std::size_t kHugePage = std::size_t(2) << 20;
+    const std::size_t bytes = std::min(samples, capacity()) * sizeof(float) / kHugePage * kHugePage;
+    if (bytes > 0) {
+        // Only advice; the system may decline it.
+        madvise(mData, bytes, MADV_HUGEPAGE);
+    }
 }
 
 void SampleBuffer::shrinkTo(std::size_t samples) noexcept
