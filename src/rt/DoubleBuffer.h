@@ -90,7 +90,10 @@ public:
     /// Acquires on construction and releases on destruction.
     class ReadScope {
     public:
-        explicit ReadScope(DoubleBuffer& buffer) noexcept : mBuffer(buffer), mValue(buffer.acquire()) {}
+        explicit ReadScope(DoubleBuffer& buffer) noexcept
+            : mBuffer(buffer), mValue(buffer.acquire())
+        {
+        }
         ~ReadScope() { mBuffer.release(); }
         ReadScope(const ReadScope&) = delete;
         ReadScope& operator=(const ReadScope&) = delete;

@@ -41,8 +41,8 @@ template <class T> class SpscRing {
 public:
     /// Holds at least minimumCapacity values (rounded up to a power of two, at least 1).
     explicit SpscRing(std::size_t minimumCapacity)
-        : mCapacity(std::bit_ceil(std::max<std::size_t>(minimumCapacity, 1))),
-          mMask(mCapacity - 1), mSlots(std::make_unique<T[]>(mCapacity))
+        : mCapacity(std::bit_ceil(std::max<std::size_t>(minimumCapacity, 1))), mMask(mCapacity - 1),
+          mSlots(std::make_unique<T[]>(mCapacity))
     {
     }
 
@@ -53,7 +53,10 @@ public:
 
     /// Appends one value; false when the ring is full (nothing is written).
     /// Thread: producer. Wait-free, no allocation.
-    VELL_RT bool tryPush(const T& value) noexcept { return push(std::span<const T>(&value, 1)) == 1; }
+    VELL_RT bool tryPush(const T& value) noexcept
+    {
+        return push(std::span<const T>(&value, 1)) == 1;
+    }
 
     /// Removes the oldest value into out; false when the ring is empty (out is untouched).
     /// Thread: consumer. Wait-free, no allocation.

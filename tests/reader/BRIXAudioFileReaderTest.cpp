@@ -29,8 +29,10 @@ TEST(BRIXAudioFileReaderTest, RejectsEmptyLayouts)
     const auto stereo = makeFloatNonInterleavedFormat(kRate, 2);
     EXPECT_EQ(BRIXAudioFileReader::create(0, 1024, stereo), nullptr);
     EXPECT_EQ(BRIXAudioFileReader::create(5, 0, stereo), nullptr);
-    EXPECT_EQ(BRIXAudioFileReader::create(5, 1024, makeFloatNonInterleavedFormat(kRate, 0)), nullptr);
-    EXPECT_EQ(BRIXAudioFileReader::create(5, 1024, makeFloatNonInterleavedFormat(kRate, 9)), nullptr);
+    EXPECT_EQ(BRIXAudioFileReader::create(5, 1024, makeFloatNonInterleavedFormat(kRate, 0)),
+              nullptr);
+    EXPECT_EQ(BRIXAudioFileReader::create(5, 1024, makeFloatNonInterleavedFormat(kRate, 9)),
+              nullptr);
     auto reader = BRIXAudioFileReader::create(5, 16384, stereo);
     ASSERT_NE(reader, nullptr);
     EXPECT_FALSE(reader->running());

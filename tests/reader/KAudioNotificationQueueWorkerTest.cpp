@@ -2,8 +2,8 @@
 // thread once each and in order, stop runs what is queued, a full queue drops and counts.
 #include "audio/reader/KAudioNotificationQueueWorker.h"
 
-#include "RealtimeGuard.h"
 #include "ReaderTestSupport.h"
+#include "RealtimeGuard.h"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,10 @@ using namespace vell::test;
 namespace {
 
 struct WorkerDeleter {
-    void operator()(KAudioNotificationQueueWorker* w) const { KAudioNotificationQueueWorkerDestroy(w); }
+    void operator()(KAudioNotificationQueueWorker* w) const
+    {
+        KAudioNotificationQueueWorkerDestroy(w);
+    }
 };
 struct NotificationDeleter {
     void operator()(KQueueableAudioNotification* n) const { KQueueableAudioNotificationDestroy(n); }
@@ -46,8 +49,9 @@ TEST(KAudioNotificationQueueWorkerTest, AddingFromTheRenderThreadAllocatesAndLoc
     std::this_thread::yield();
 
     bool added = false;
-    const auto counts = countRealtimeViolations(
-        [&] { added = KAudioNotificationQueueWorkerAddNotification(worker.get(), notification.get()); });
+    const auto counts = countRealtimeViolations([&] {
+        added = KAudioNotificationQueueWorkerAddNotification(worker.get(), notification.get());
+    });
     EXPECT_TRUE(added);
     EXPECT_EQ(counts.total(), 0u);
     EXPECT_EQ(counts.allocations, 0u);
@@ -65,7 +69,8 @@ TEST(KAudioNotificationQueueWorkerTest, RunsInOrderAndStopRunsWhatIsQueued)
     std::vector<int> order; // touched by the worker only, read after stop
     std::vector<NotificationPtr> notifications;
     for (int i = 0; i < 10; ++i) {
-        notifications.emplace_back(KQueueableAudioNotificationCreate([&order, i] { order.push_back(i); }));
+        notifications.emplace_back(
+            KQueueableAudioNotificationCreate([&order, i] { order.push_back(i); }));
     }
     // Added while stopped: kept until the worker starts.
     for (int i = 0; i < 5; ++i) {

@@ -123,7 +123,8 @@ TEST(ReaderStressTest, SeeksNeverLetOlderFramesThrough)
             for (std::uint32_t k = 0; k < got && complaint.empty(); ++k) {
                 const Frame x = Frame(out.left[k]);
                 if (x < lowest) {
-                    complaint = "frame " + std::to_string(x) + " from before seek " + std::to_string(d);
+                    complaint =
+                        "frame " + std::to_string(x) + " from before seek " + std::to_string(d);
                 } else if (k > 0 && x != Frame(out.left[k - 1]) + 1) {
                     complaint = "gap inside one copy at " + std::to_string(x);
                 }
@@ -269,12 +270,24 @@ TEST(ReaderStressTest, StartStopSeekAndTurnRacesStayConsistent)
         std::mt19937 random(seed);
         for (int n = 0; n < operations; ++n) {
             switch (random() % 6) {
-            case 0: reader->start(); break;
-            case 1: reader->stop(); break;
-            case 2: reader->setCurrentFrame(Frame(random() % std::uint32_t(kFrames))); break;
-            case 3: reader->setReverse(random() % 2 == 0); break;
-            case 4: reader->enableLoopingInRange(kLoopStart, kLoopEnd - kLoopStart); break;
-            default: reader->disableLooping(); break;
+            case 0:
+                reader->start();
+                break;
+            case 1:
+                reader->stop();
+                break;
+            case 2:
+                reader->setCurrentFrame(Frame(random() % std::uint32_t(kFrames)));
+                break;
+            case 3:
+                reader->setReverse(random() % 2 == 0);
+                break;
+            case 4:
+                reader->enableLoopingInRange(kLoopStart, kLoopEnd - kLoopStart);
+                break;
+            default:
+                reader->disableLooping();
+                break;
             }
             if (n % 8 == 0) {
                 std::this_thread::yield();

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <span>
 #include <limits>
+#include <span>
 #include <system_error>
 
 namespace vell {
@@ -45,9 +45,9 @@ Frame saturatingAdd(Frame a, Frame b) noexcept
 
 // ---- Creation and main-thread control ----------------------------------------------------------
 
-std::unique_ptr<BRIXAudioFileReader> BRIXAudioFileReader::create(
-    std::uint32_t bufferCount, std::uint32_t framesPerBuffer,
-    const AudioStreamBasicDescription& format)
+std::unique_ptr<BRIXAudioFileReader>
+BRIXAudioFileReader::create(std::uint32_t bufferCount, std::uint32_t framesPerBuffer,
+                            const AudioStreamBasicDescription& format)
 {
     if (bufferCount == 0 || framesPerBuffer == 0 || format.mChannelsPerFrame == 0 ||
         format.mChannelsPerFrame > AudioBufferList::kMaxBuffers) {
@@ -218,7 +218,8 @@ void BRIXAudioFileReader::updateLoopLocked()
 {
     const Frame count = mControl.frameCount;
     const Frame start = std::clamp<Frame>(_loopRange.location, 0, count);
-    const Frame end = std::clamp<Frame>(saturatingAdd(_loopRange.location, _loopRange.length), 0, count);
+    const Frame end =
+        std::clamp<Frame>(saturatingAdd(_loopRange.location, _loopRange.length), 0, count);
     mControl.looping = mLoopEnabled && end > start;
     mControl.loopStart = mControl.looping ? start : 0;
     mControl.loopEnd = mControl.looping ? end : 0;
@@ -367,7 +368,8 @@ bool BRIXAudioFileReader::fillBlock(Frame block, const Control& control,
         if (fileChannels > 0) {
             const std::span<const float> samples = file->channelData(std::min(c, fileChannels - 1));
             if (std::size_t(first) < samples.size()) {
-                copied = std::min<std::size_t>(std::size_t(available), samples.size() - std::size_t(first));
+                copied = std::min<std::size_t>(std::size_t(available),
+                                               samples.size() - std::size_t(first));
                 std::memcpy(out, samples.data() + first, copied * sizeof(float));
             }
         }
@@ -525,7 +527,8 @@ VELL_RT std::uint32_t BRIXAudioFileReader::copyFrames(float* const* channels,
             run = std::min<Frame>(frames - done, limit - mPosition);
             const std::size_t offset = std::size_t(mPosition - first);
             for (std::uint32_t ch = 0; ch < channelCount; ++ch) {
-                const float* src = data + std::size_t(std::min(ch, mChannels - 1)) * mFramesPerBuffer;
+                const float* src =
+                    data + std::size_t(std::min(ch, mChannels - 1)) * mFramesPerBuffer;
                 std::memcpy(channels[ch] + done, src + offset, std::size_t(run) * sizeof(float));
             }
             mPosition += run;
@@ -537,7 +540,8 @@ VELL_RT std::uint32_t BRIXAudioFileReader::copyFrames(float* const* channels,
             run = std::min<Frame>(frames - done, mPosition - low + 1);
             const std::size_t offset = std::size_t(mPosition - first);
             for (std::uint32_t ch = 0; ch < channelCount; ++ch) {
-                const float* src = data + std::size_t(std::min(ch, mChannels - 1)) * mFramesPerBuffer;
+                const float* src =
+                    data + std::size_t(std::min(ch, mChannels - 1)) * mFramesPerBuffer;
                 float* dst = channels[ch] + done;
                 for (Frame k = 0; k < run; ++k) {
                     dst[k] = src[offset - std::size_t(k)];
@@ -577,9 +581,8 @@ bool BRIXAudioFileReader::waitForBlock(Frame block)
     std::unique_lock lock(mMutex);
     mWakeRequested = true;
     mPrefetchWake.notify_all();
-    mProgress.wait_for(lock, kBlockTimeout, [&] {
-        return isResident(block, mAdopted.fileEpoch) || mStopRequested;
-    });
+    mProgress.wait_for(lock, kBlockTimeout,
+                       [&] { return isResident(block, mAdopted.fileEpoch) || mStopRequested; });
     return isResident(block, mAdopted.fileEpoch);
 }
 

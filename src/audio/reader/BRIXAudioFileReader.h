@@ -101,7 +101,10 @@ public:
     /// Loops over [location, location + length) (cut to the file). An empty range reads as no
     /// loop and `isLooping` answers false.
     void enableLoopingInRange(Frame location, Frame length);
-    void enableLoopingInRange(FrameRange range) { enableLoopingInRange(range.location, range.length); }
+    void enableLoopingInRange(FrameRange range)
+    {
+        enableLoopingInRange(range.location, range.length);
+    }
     void disableLooping();
     bool isLooping() const;
     /// The range last given to `enableLoopingInRange`, as given.

@@ -102,6 +102,7 @@ bool KAudioNotificationQueueWorkerStart(KAudioNotificationQueueWorker* worker);
 void KAudioNotificationQueueWorkerStop(KAudioNotificationQueueWorker* worker);
 /// Queues notification to run on the worker thread. Thread: render. Wait-free, no allocation.
 VELL_RT bool KAudioNotificationQueueWorkerAddNotification(
-    KAudioNotificationQueueWorker* worker, const KQueueableAudioNotification* notification) noexcept;
+    KAudioNotificationQueueWorker* worker,
+    const KQueueableAudioNotification* notification) noexcept;
 
 } // namespace vell
