@@ -15,7 +15,10 @@ public:
     KKey() = default;
     explicit KKey(std::optional<KChord> tonicChord) : mTonicChord(std::move(tonicChord)) {}
 
-    static KKey keyWithTonicChord(std::optional<KChord> tonicChord) { return KKey(std::move(tonicChord)); }
+    static KKey keyWithTonicChord(std::optional<KChord> tonicChord)
+    {
+        return KKey(std::move(tonicChord));
+    }
 
     const std::optional<KChord>& tonicChord() const noexcept { return mTonicChord; }
     bool isMinor() const noexcept { return mTonicChord && mTonicChord->isMinor(); }

@@ -23,7 +23,9 @@ public:
     /// letter is 'A'...'G'; accidental is clamped to -2...2.
     constexpr KNoteName(char letter, int accidental)
         : mLetter(letter >= 'A' && letter <= 'G' ? letter : 'C'),
-          mAccidental(static_cast<std::int8_t>(accidental < -2 ? -2 : accidental > 2 ? 2 : accidental))
+          mAccidental(static_cast<std::int8_t>(accidental < -2  ? -2
+                                               : accidental > 2 ? 2
+                                                                : accidental))
     {
     }
 
@@ -54,7 +56,9 @@ public:
     constexpr KPitch() = default;
     /// Out-of-range notes are clamped to 0...127.
     constexpr explicit KPitch(int midiNote)
-        : mMidiNote(static_cast<std::uint8_t>(midiNote < 0 ? 0 : midiNote > 127 ? 127 : midiNote))
+        : mMidiNote(static_cast<std::uint8_t>(midiNote < 0     ? 0
+                                              : midiNote > 127 ? 127
+                                                               : midiNote))
     {
     }
 

@@ -4,6 +4,7 @@
 #include <VellAudio/Types.h>
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 namespace vell {
@@ -39,6 +40,8 @@ public:
     VellBeatLocator() = default;
 
     void updateWithNoteEntryStorage(const VellNoteEntryStorage& storage);
+    /// As above; no storage leaves the locator without beats.
+    void updateWithNoteEntryStorage(const std::shared_ptr<const VellNoteEntryStorage>& storage);
 
     bool hasBeatEntries() const noexcept { return !mBeats.empty(); }
     /// How many metronome beats the snapshot holds.

@@ -94,15 +94,42 @@ public:
     VellNoteEntryStorage& operator=(const VellNoteEntryStorage&) = delete;
 
     // Change signals; each handler receives {this storage, kind}.
-    VellNoteEntryStorageSignal& didChangeNoteEntriesSignal() { return signalForKind(VellEntryKind::note); }
-    VellNoteEntryStorageSignal& didChangeBeatEntriesSignal() { return signalForKind(VellEntryKind::beat); }
-    VellNoteEntryStorageSignal& didChangeTempoEntriesSignal() { return signalForKind(VellEntryKind::tempo); }
-    VellNoteEntryStorageSignal& didChangeKeyEntriesSignal() { return signalForKind(VellEntryKind::key); }
-    VellNoteEntryStorageSignal& didChangeTimeSignatureEntriesSignal() { return signalForKind(VellEntryKind::timeSignature); }
-    VellNoteEntryStorageSignal& didChangeChordEntriesSignal() { return signalForKind(VellEntryKind::chord); }
-    VellNoteEntryStorageSignal& didChangeRegionEntriesSignal() { return signalForKind(VellEntryKind::region); }
-    VellNoteEntryStorageSignal& didChangeMarkerEntriesSignal() { return signalForKind(VellEntryKind::marker); }
-    VellNoteEntryStorageSignal& signalForKind(VellEntryKind kind) { return mSignals[static_cast<int>(kind)]; }
+    VellNoteEntryStorageSignal& didChangeNoteEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::note);
+    }
+    VellNoteEntryStorageSignal& didChangeBeatEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::beat);
+    }
+    VellNoteEntryStorageSignal& didChangeTempoEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::tempo);
+    }
+    VellNoteEntryStorageSignal& didChangeKeyEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::key);
+    }
+    VellNoteEntryStorageSignal& didChangeTimeSignatureEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::timeSignature);
+    }
+    VellNoteEntryStorageSignal& didChangeChordEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::chord);
+    }
+    VellNoteEntryStorageSignal& didChangeRegionEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::region);
+    }
+    VellNoteEntryStorageSignal& didChangeMarkerEntriesSignal()
+    {
+        return signalForKind(VellEntryKind::marker);
+    }
+    VellNoteEntryStorageSignal& signalForKind(VellEntryKind kind)
+    {
+        return mSignals[static_cast<int>(kind)];
+    }
 
     // Generic access by entry type (Entry is one of the VellXEntry classes).
     template <class Entry> const VellEntryArray<Entry>& entries() const;
@@ -115,7 +142,8 @@ public:
     /// Removes the old entries that are present and adds the new ones, as one change. Entries in
     /// both arrays stay. The arrays may differ in size.
     template <class Entry>
-    void replaceEntries(const VellEntryArray<Entry>& oldEntries, const VellEntryArray<Entry>& newEntries);
+    void replaceEntries(const VellEntryArray<Entry>& oldEntries,
+                        const VellEntryArray<Entry>& newEntries);
     /// Entries of a kind whose span meets the half-open range [location, location + length);
     /// an entry without length is a single frame. An empty range meets nothing.
     template <class Entry> VellEntryArray<Entry> entriesInRange(VellFrameRange range) const;
@@ -136,27 +164,56 @@ public:
     // Notes.
     const VellEntryArray<VellNoteEntry>& noteEntries() const { return entries<VellNoteEntry>(); }
     std::shared_ptr<VellNoteEntry> newNoteEntry() { return newEntry<VellNoteEntry>(); }
-    std::shared_ptr<VellNoteEntry> copyOfNoteEntry(const VellNoteEntry& e) const { return copyOfEntry(e); }
+    std::shared_ptr<VellNoteEntry> copyOfNoteEntry(const VellNoteEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
     void addNoteEntry(const std::shared_ptr<VellNoteEntry>& e) { addEntries<VellNoteEntry>({e}); }
     void addNoteEntriesFromArray(const VellEntryArray<VellNoteEntry>& a) { addEntries(a); }
-    void removeNoteEntry(const std::shared_ptr<VellNoteEntry>& e) { removeEntries<VellNoteEntry>({e}); }
+    void removeNoteEntry(const std::shared_ptr<VellNoteEntry>& e)
+    {
+        removeEntries<VellNoteEntry>({e});
+    }
     void removeNoteEntriesInArray(const VellEntryArray<VellNoteEntry>& a) { removeEntries(a); }
-    void replaceNoteEntriesInArray(const VellEntryArray<VellNoteEntry>& o, const VellEntryArray<VellNoteEntry>& n) { replaceEntries(o, n); }
-    VellEntryArray<VellNoteEntry> noteEntriesInRange(VellFrameRange r) const { return entriesInRange<VellNoteEntry>(r); }
+    void replaceNoteEntriesInArray(const VellEntryArray<VellNoteEntry>& o,
+                                   const VellEntryArray<VellNoteEntry>& n)
+    {
+        replaceEntries(o, n);
+    }
+    VellEntryArray<VellNoteEntry> noteEntriesInRange(VellFrameRange r) const
+    {
+        return entriesInRange<VellNoteEntry>(r);
+    }
 
     // Beats.
     const VellEntryArray<VellBeatEntry>& beatEntries() const { return entries<VellBeatEntry>(); }
     std::shared_ptr<VellBeatEntry> newBeatEntry() { return newEntry<VellBeatEntry>(); }
-    std::shared_ptr<VellBeatEntry> copyOfBeatEntry(const VellBeatEntry& e) const { return copyOfEntry(e); }
-    std::shared_ptr<VellBeatEntry> copyOfBeatEntry(const std::shared_ptr<VellBeatEntry>& e) const { return copyOfEntry(*e); }
+    std::shared_ptr<VellBeatEntry> copyOfBeatEntry(const VellBeatEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
+    std::shared_ptr<VellBeatEntry> copyOfBeatEntry(const std::shared_ptr<VellBeatEntry>& e) const
+    {
+        return e ? copyOfEntry(*e) : nullptr;
+    }
     void addBeatEntry(const std::shared_ptr<VellBeatEntry>& e) { addEntries<VellBeatEntry>({e}); }
     void addBeatEntriesFromArray(const VellEntryArray<VellBeatEntry>& a) { addEntries(a); }
-    void removeBeatEntry(const std::shared_ptr<VellBeatEntry>& e) { removeEntries<VellBeatEntry>({e}); }
+    void removeBeatEntry(const std::shared_ptr<VellBeatEntry>& e)
+    {
+        removeEntries<VellBeatEntry>({e});
+    }
     void removeBeatEntriesInArray(const VellEntryArray<VellBeatEntry>& a) { removeEntries(a); }
     /// Replaces each entry of the first array by the entry at the same index of the second
     /// (more generally: removes the first, adds the second, as one change).
-    void replaceBeatEntriesInArray(const VellEntryArray<VellBeatEntry>& o, const VellEntryArray<VellBeatEntry>& n) { replaceEntries(o, n); }
-    VellEntryArray<VellBeatEntry> beatEntriesInRange(VellFrameRange r) const { return entriesInRange<VellBeatEntry>(r); }
+    void replaceBeatEntriesInArray(const VellEntryArray<VellBeatEntry>& o,
+                                   const VellEntryArray<VellBeatEntry>& n)
+    {
+        replaceEntries(o, n);
+    }
+    VellEntryArray<VellBeatEntry> beatEntriesInRange(VellFrameRange r) const
+    {
+        return entriesInRange<VellBeatEntry>(r);
+    }
     /// The beats the metronome plays: counting from each downbeat (and from the first entry
     /// before any downbeat), every entry in x/8 and every second entry in other meters (also
     /// without a time signature), by the signature in force at each beat.
@@ -165,10 +222,23 @@ public:
     // Tempos.
     const VellEntryArray<VellTempoEntry>& tempoEntries() const { return entries<VellTempoEntry>(); }
     std::shared_ptr<VellTempoEntry> newTempoEntry() { return newEntry<VellTempoEntry>(); }
-    std::shared_ptr<VellTempoEntry> copyOfTempoEntry(const VellTempoEntry& e) const { return copyOfEntry(e); }
-    void addTempoEntry(const std::shared_ptr<VellTempoEntry>& e) { addEntries<VellTempoEntry>({e}); }
-    void removeTempoEntry(const std::shared_ptr<VellTempoEntry>& e) { removeEntries<VellTempoEntry>({e}); }
-    void replaceTempoEntriesInArray(const VellEntryArray<VellTempoEntry>& o, const VellEntryArray<VellTempoEntry>& n) { replaceEntries(o, n); }
+    std::shared_ptr<VellTempoEntry> copyOfTempoEntry(const VellTempoEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
+    void addTempoEntry(const std::shared_ptr<VellTempoEntry>& e)
+    {
+        addEntries<VellTempoEntry>({e});
+    }
+    void removeTempoEntry(const std::shared_ptr<VellTempoEntry>& e)
+    {
+        removeEntries<VellTempoEntry>({e});
+    }
+    void replaceTempoEntriesInArray(const VellEntryArray<VellTempoEntry>& o,
+                                    const VellEntryArray<VellTempoEntry>& n)
+    {
+        replaceEntries(o, n);
+    }
     /// The tempo entry in force at a frame: the last one starting at or before it (the first one
     /// for frames before every entry); nullptr without tempo entries.
     std::shared_ptr<VellTempoEntry> tempoEntryAtLocation(Frame location) const;
@@ -176,18 +246,48 @@ public:
     // Keys.
     const VellEntryArray<VellKeyEntry>& keyEntries() const { return entries<VellKeyEntry>(); }
     std::shared_ptr<VellKeyEntry> newKeyEntry() { return newEntry<VellKeyEntry>(); }
-    std::shared_ptr<VellKeyEntry> copyOfKeyEntry(const VellKeyEntry& e) const { return copyOfEntry(e); }
+    std::shared_ptr<VellKeyEntry> copyOfKeyEntry(const VellKeyEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
     void addKeyEntry(const std::shared_ptr<VellKeyEntry>& e) { addEntries<VellKeyEntry>({e}); }
-    void removeKeyEntry(const std::shared_ptr<VellKeyEntry>& e) { removeEntries<VellKeyEntry>({e}); }
-    void replaceKeyEntriesInArray(const VellEntryArray<VellKeyEntry>& o, const VellEntryArray<VellKeyEntry>& n) { replaceEntries(o, n); }
+    void removeKeyEntry(const std::shared_ptr<VellKeyEntry>& e)
+    {
+        removeEntries<VellKeyEntry>({e});
+    }
+    void replaceKeyEntriesInArray(const VellEntryArray<VellKeyEntry>& o,
+                                  const VellEntryArray<VellKeyEntry>& n)
+    {
+        replaceEntries(o, n);
+    }
 
     // Time signatures.
-    const VellEntryArray<VellTimeSignatureEntry>& timeSignatureEntries() const { return entries<VellTimeSignatureEntry>(); }
-    std::shared_ptr<VellTimeSignatureEntry> newTimeSignatureEntry() { return newEntry<VellTimeSignatureEntry>(); }
-    std::shared_ptr<VellTimeSignatureEntry> copyOfTimeSignatureEntry(const VellTimeSignatureEntry& e) const { return copyOfEntry(e); }
-    void addTimeSignatureEntry(const std::shared_ptr<VellTimeSignatureEntry>& e) { addEntries<VellTimeSignatureEntry>({e}); }
-    void removeTimeSignatureEntry(const std::shared_ptr<VellTimeSignatureEntry>& e) { removeEntries<VellTimeSignatureEntry>({e}); }
-    void replaceTimeSignatureEntriesInArray(const VellEntryArray<VellTimeSignatureEntry>& o, const VellEntryArray<VellTimeSignatureEntry>& n) { replaceEntries(o, n); }
+    const VellEntryArray<VellTimeSignatureEntry>& timeSignatureEntries() const
+    {
+        return entries<VellTimeSignatureEntry>();
+    }
+    std::shared_ptr<VellTimeSignatureEntry> newTimeSignatureEntry()
+    {
+        return newEntry<VellTimeSignatureEntry>();
+    }
+    std::shared_ptr<VellTimeSignatureEntry>
+    copyOfTimeSignatureEntry(const VellTimeSignatureEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
+    void addTimeSignatureEntry(const std::shared_ptr<VellTimeSignatureEntry>& e)
+    {
+        addEntries<VellTimeSignatureEntry>({e});
+    }
+    void removeTimeSignatureEntry(const std::shared_ptr<VellTimeSignatureEntry>& e)
+    {
+        removeEntries<VellTimeSignatureEntry>({e});
+    }
+    void replaceTimeSignatureEntriesInArray(const VellEntryArray<VellTimeSignatureEntry>& o,
+                                            const VellEntryArray<VellTimeSignatureEntry>& n)
+    {
+        replaceEntries(o, n);
+    }
     /// The signature in force at a frame: the last entry at or before it, else the first entry,
     /// else 0/0.
     BRIXTimeSignature timeSignatureAtLocation(Frame location) const;
@@ -195,50 +295,110 @@ public:
     // Chords.
     const VellEntryArray<VellChordEntry>& chordEntries() const { return entries<VellChordEntry>(); }
     std::shared_ptr<VellChordEntry> newChordEntry() { return newEntry<VellChordEntry>(); }
-    std::shared_ptr<VellChordEntry> copyOfChordEntry(const VellChordEntry& e) const { return copyOfEntry(e); }
-    void addChordEntry(const std::shared_ptr<VellChordEntry>& e) { addEntries<VellChordEntry>({e}); }
+    std::shared_ptr<VellChordEntry> copyOfChordEntry(const VellChordEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
+    void addChordEntry(const std::shared_ptr<VellChordEntry>& e)
+    {
+        addEntries<VellChordEntry>({e});
+    }
     void addChordEntriesFromArray(const VellEntryArray<VellChordEntry>& a) { addEntries(a); }
-    void removeChordEntry(const std::shared_ptr<VellChordEntry>& e) { removeEntries<VellChordEntry>({e}); }
-    void replaceChordEntry(const std::shared_ptr<VellChordEntry>& o, const std::shared_ptr<VellChordEntry>& n) { replaceEntries<VellChordEntry>({o}, {n}); }
-    VellEntryArray<VellChordEntry> chordEntriesInRange(VellFrameRange r) const { return entriesInRange<VellChordEntry>(r); }
+    void removeChordEntry(const std::shared_ptr<VellChordEntry>& e)
+    {
+        removeEntries<VellChordEntry>({e});
+    }
+    void replaceChordEntry(const std::shared_ptr<VellChordEntry>& o,
+                           const std::shared_ptr<VellChordEntry>& n)
+    {
+        replaceEntries<VellChordEntry>({o}, {n});
+    }
+    VellEntryArray<VellChordEntry> chordEntriesInRange(VellFrameRange r) const
+    {
+        return entriesInRange<VellChordEntry>(r);
+    }
     /// The chord sounding at a frame: the last chord starting at or before it, provided its
     /// length is 0 (until the next chord) or reaches past the frame; nullptr otherwise.
     std::shared_ptr<VellChordEntry> chordEntryAtLocation(Frame location) const;
 
     // Regions. The storage does not prevent overlapping regions; callers keep them disjoint.
-    const VellEntryArray<VellRegionEntry>& regionEntries() const { return entries<VellRegionEntry>(); }
+    const VellEntryArray<VellRegionEntry>& regionEntries() const
+    {
+        return entries<VellRegionEntry>();
+    }
     std::shared_ptr<VellRegionEntry> newRegionEntry() { return newEntry<VellRegionEntry>(); }
     /// New detached regions named "marker", "chorus", "verse", "bridge".
     std::shared_ptr<VellRegionEntry> newMarkerRegionEntry();
     std::shared_ptr<VellRegionEntry> newChorusRegionEntry();
     std::shared_ptr<VellRegionEntry> newVerseRegionEntry();
     std::shared_ptr<VellRegionEntry> newBridgeRegionEntry();
-    std::shared_ptr<VellRegionEntry> copyOfRegionEntry(const VellRegionEntry& e) const { return copyOfEntry(e); }
-    std::shared_ptr<VellRegionEntry> copyOfRegionEntry(const std::shared_ptr<VellRegionEntry>& e) const { return copyOfEntry(*e); }
-    void addRegionEntry(const std::shared_ptr<VellRegionEntry>& e) { addEntries<VellRegionEntry>({e}); }
-    void removeRegionEntry(const std::shared_ptr<VellRegionEntry>& e) { removeEntries<VellRegionEntry>({e}); }
+    std::shared_ptr<VellRegionEntry> copyOfRegionEntry(const VellRegionEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
+    std::shared_ptr<VellRegionEntry>
+    copyOfRegionEntry(const std::shared_ptr<VellRegionEntry>& e) const
+    {
+        return e ? copyOfEntry(*e) : nullptr;
+    }
+    void addRegionEntry(const std::shared_ptr<VellRegionEntry>& e)
+    {
+        addEntries<VellRegionEntry>({e});
+    }
+    void removeRegionEntry(const std::shared_ptr<VellRegionEntry>& e)
+    {
+        removeEntries<VellRegionEntry>({e});
+    }
     /// Replaces a region by another (usually an edited copy) as one change.
-    void replaceRegionEntry(const std::shared_ptr<VellRegionEntry>& o, const std::shared_ptr<VellRegionEntry>& n) { replaceEntries<VellRegionEntry>({o}, {n}); }
+    void replaceRegionEntry(const std::shared_ptr<VellRegionEntry>& o,
+                            const std::shared_ptr<VellRegionEntry>& n)
+    {
+        replaceEntries<VellRegionEntry>({o}, {n});
+    }
     /// The first region that starts exactly at a frame.
     std::shared_ptr<VellRegionEntry> regionEntryForLocation(Frame location) const;
     /// The first region, in order, whose span [location, location + length) holds the frame.
     std::shared_ptr<VellRegionEntry> regionEntryContaining(Frame location) const;
     /// Regions that overlap the range, in order.
-    VellEntryArray<VellRegionEntry> regionEntriesInRange(VellFrameRange r) const { return entriesInRange<VellRegionEntry>(r); }
+    VellEntryArray<VellRegionEntry> regionEntriesInRange(VellFrameRange r) const
+    {
+        return entriesInRange<VellRegionEntry>(r);
+    }
     /// The region just before / after a region in the list; nullptr at the ends or when the
     /// region is not in this storage.
-    std::shared_ptr<VellRegionEntry> regionEntryOccurringBefore(const std::shared_ptr<VellRegionEntry>& region) const;
-    std::shared_ptr<VellRegionEntry> regionEntryOccurringAfter(const std::shared_ptr<VellRegionEntry>& region) const;
+    std::shared_ptr<VellRegionEntry>
+    regionEntryOccurringBefore(const std::shared_ptr<VellRegionEntry>& region) const;
+    std::shared_ptr<VellRegionEntry>
+    regionEntryOccurringAfter(const std::shared_ptr<VellRegionEntry>& region) const;
 
     // Markers.
-    const VellEntryArray<VellMarkerEntry>& markerEntries() const { return entries<VellMarkerEntry>(); }
+    const VellEntryArray<VellMarkerEntry>& markerEntries() const
+    {
+        return entries<VellMarkerEntry>();
+    }
     std::shared_ptr<VellMarkerEntry> newMarkerEntry() { return newEntry<VellMarkerEntry>(); }
-    std::shared_ptr<VellMarkerEntry> copyOfMarkerEntry(const VellMarkerEntry& e) const { return copyOfEntry(e); }
-    void addMarkerEntry(const std::shared_ptr<VellMarkerEntry>& e) { addEntries<VellMarkerEntry>({e}); }
-    void removeMarkerEntry(const std::shared_ptr<VellMarkerEntry>& e) { removeEntries<VellMarkerEntry>({e}); }
-    void replaceMarkerEntry(const std::shared_ptr<VellMarkerEntry>& o, const std::shared_ptr<VellMarkerEntry>& n) { replaceEntries<VellMarkerEntry>({o}, {n}); }
+    std::shared_ptr<VellMarkerEntry> copyOfMarkerEntry(const VellMarkerEntry& e) const
+    {
+        return copyOfEntry(e);
+    }
+    void addMarkerEntry(const std::shared_ptr<VellMarkerEntry>& e)
+    {
+        addEntries<VellMarkerEntry>({e});
+    }
+    void removeMarkerEntry(const std::shared_ptr<VellMarkerEntry>& e)
+    {
+        removeEntries<VellMarkerEntry>({e});
+    }
+    void replaceMarkerEntry(const std::shared_ptr<VellMarkerEntry>& o,
+                            const std::shared_ptr<VellMarkerEntry>& n)
+    {
+        replaceEntries<VellMarkerEntry>({o}, {n});
+    }
     /// Markers inside the range, in order ((f, 1) gives the marker exactly at f).
-    VellEntryArray<VellMarkerEntry> markerEntriesInRange(VellFrameRange r) const { return entriesInRange<VellMarkerEntry>(r); }
+    VellEntryArray<VellMarkerEntry> markerEntriesInRange(VellFrameRange r) const
+    {
+        return entriesInRange<VellMarkerEntry>(r);
+    }
 
     /// Fills an empty storage with a 4/4 beat grid: beat entries every eighth note at bpm from
     /// firstBeatSeconds to the end of a file of totalFrames at sampleRate, a downbeat every 8

@@ -36,12 +36,12 @@ namespace vell {
 ///       "settings": { ... }             // the playback settings dictionary, free-form
 ///     }
 ///
-/// Rules: locations and lengths are integers, never negative (regions have a positive length;
-/// "downbeat", "length", "channel" and "name" may be left out: false, 0, 0, ""); each list is in
-/// ascending location order (strictly for beats, tempos, time signatures, keys and markers; notes
-/// and chords may share a location); regions do not overlap. Unknown keys are ignored. A newer
-/// version is refused. Artificial count-in beats (negative locations) are not saved. Event ids
-/// are not saved: loading hands out fresh ones.
+/// Rules: locations and lengths are integers from 0 to 2^62 ("downbeat", "length" of tempos and
+/// chords, "channel" and "name" may be left out: false, 0, 0, ""); every list is in ascending
+/// order of location (equal locations are allowed). Unknown keys are ignored; a newer version is
+/// refused. Entries before the start of the file (the artificial beats of a count-in) are not
+/// saved, nor tempos or time signatures that are not valid. Event ids are not saved: loading
+/// hands out fresh ones.
 ///
 /// Reading is all or nothing: a malformed document gives an error that names the place
 /// ("beats[3].location: expected an integer") and leaves the document as it was. Limits: 64 MiB
@@ -60,11 +60,14 @@ public:
 
     /// A document for a file without one: a 4/4 beat grid at bpm from firstBeatSeconds with one
     /// tempo entry over the whole file (VellNoteEntryStorage::makeBeatGrid).
-    static std::optional<VellPracticeDocument> documentWithBeatGrid(double bpm, double firstBeatSeconds,
-                                                                    Frame totalFrames, double sampleRate,
-                                                                    Error* outError = nullptr);
+    static std::optional<VellPracticeDocument>
+    documentWithBeatGrid(double bpm, double firstBeatSeconds, Frame totalFrames, double sampleRate,
+                         Error* outError = nullptr);
 
-    const std::shared_ptr<VellNoteEntryStorage>& noteEntryStorage() const noexcept { return mStorage; }
+    const std::shared_ptr<VellNoteEntryStorage>& noteEntryStorage() const noexcept
+    {
+        return mStorage;
+    }
     /// The playback settings dictionary (a JSON object).
     const nlohmann::json& settings() const noexcept { return mSettings; }
     /// Replaces the settings; anything but an object is refused (returns false).
@@ -79,8 +82,8 @@ public:
     /// and takes the loaded entries (announcing each kind that changed); on failure nothing
     /// changes and outError names the problem.
     bool readFromJSONData(std::string_view data, Error* outError = nullptr);
-    /// As readFromJSONData, from a file; errors are prefixed with nothing (the caller knows the
-    /// path) except for I/O failures, which name it.
+    /// As readFromJSONData, from a file. Errors in the text name the place in the document (the
+    /// caller knows the path); errors opening or reading the file name the path.
     bool readFromFile(const std::filesystem::path& path, Error* outError = nullptr);
 
     /// The JSON text of the document, one entry per line.

@@ -14,9 +14,9 @@ namespace {
 
 struct QualityInfo {
     KChordQuality quality;
-    std::string_view suffix;                  // printed
-    std::array<std::string_view, 4> aliases;  // also read
-    std::array<int, 5> intervals;             // -1 ends the list
+    std::string_view suffix;                 // printed
+    std::array<std::string_view, 4> aliases; // also read
+    std::array<int, 5> intervals;            // -1 ends the list
 };
 
 // Parsing tries every suffix and alias for an exact match of the text between root and "/".
@@ -40,7 +40,10 @@ constexpr std::array<QualityInfo, 20> kQualities = {{
     {KChordQuality::minor9, "m9", {"min9", "-9", "", ""}, {0, 3, 7, 10, 14}},
     {KChordQuality::add9, "add9", {"add2", "", "", ""}, {0, 4, 7, 14, -1}},
     {KChordQuality::power5, "5", {"", "", "", ""}, {0, 7, -1, -1, -1}},
-    {KChordQuality::minorMajor7, "mMaj7", {"m(maj7)", "mM7", "minMaj7", "-maj7"}, {0, 3, 7, 11, -1}},
+    {KChordQuality::minorMajor7,
+     "mMaj7",
+     {"m(maj7)", "mM7", "minMaj7", "-maj7"},
+     {0, 3, 7, 11, -1}},
 }};
 
 const QualityInfo& infoFor(KChordQuality quality)
@@ -110,7 +113,8 @@ std::optional<KChord> KChord::chordWithName(std::string_view name, Error* outErr
     const std::string_view text = trim(name);
     const auto fail = [&](const std::string& why) -> std::optional<KChord> {
         assignError(outError, detail::makeMusicError(format("\"%s\" is not a chord name: %s",
-                                                            std::string(text.substr(0, 64)).c_str(), why.c_str())));
+                                                            std::string(text.substr(0, 64)).c_str(),
+                                                            why.c_str())));
         return std::nullopt;
     };
     if (text.empty()) {
@@ -126,14 +130,16 @@ std::optional<KChord> KChord::chordWithName(std::string_view name, Error* outErr
         const std::string_view bassText = rest.substr(slash + 1);
         const auto bassNote = KNoteName::parsePrefix(bassText);
         if (!bassNote || bassNote->second != bassText.size()) {
-            return fail(format("unknown bass note \"%s\" after \"/\"", std::string(bassText.substr(0, 16)).c_str()));
+            return fail(format("unknown bass note \"%s\" after \"/\"",
+                               std::string(bassText.substr(0, 16)).c_str()));
         }
         bass = bassNote->first;
         rest = rest.substr(0, slash);
     }
     const auto quality = qualityForSuffix(rest);
     if (!quality) {
-        return fail(format("unknown chord quality \"%s\"", std::string(rest.substr(0, 16)).c_str()));
+        return fail(
+            format("unknown chord quality \"%s\"", std::string(rest.substr(0, 16)).c_str()));
     }
     return KChord(root->first, *quality, bass);
 }

@@ -32,10 +32,11 @@ KNoteName KNoteName::nameForPitchClass(int pitchClass, KSpelling spelling)
     static constexpr const char kSharpNames[12][2] = {{'C', 0}, {'C', 1}, {'D', 0}, {'D', 1},
                                                       {'E', 0}, {'F', 0}, {'F', 1}, {'G', 0},
                                                       {'G', 1}, {'A', 0}, {'A', 1}, {'B', 0}};
-    static constexpr const char kFlatNames[12][2] = {{'C', 0}, {'D', -1}, {'D', 0}, {'E', -1},
-                                                     {'E', 0}, {'F', 0}, {'G', -1}, {'G', 0},
-                                                     {'A', -1}, {'A', 0}, {'B', -1}, {'B', 0}};
-    const auto& entry = (spelling == KSpelling::flats ? kFlatNames : kSharpNames)[modulo12(pitchClass)];
+    static constexpr const char kFlatNames[12][2] = {{'C', 0},  {'D', -1}, {'D', 0},  {'E', -1},
+                                                     {'E', 0},  {'F', 0},  {'G', -1}, {'G', 0},
+                                                     {'A', -1}, {'A', 0},  {'B', -1}, {'B', 0}};
+    const auto& entry =
+        (spelling == KSpelling::flats ? kFlatNames : kSharpNames)[modulo12(pitchClass)];
     return KNoteName(entry[0], entry[1]);
 }
 
@@ -82,8 +83,9 @@ std::string KNoteName::text() const
 std::optional<KPitch> KPitch::pitchWithName(std::string_view name, Error* outError)
 {
     const auto fail = [&](const char* why) -> std::optional<KPitch> {
-        assignError(outError, detail::makeMusicError(format("\"%s\" is not a pitch name: %s",
-                                                            std::string(name.substr(0, 64)).c_str(), why)));
+        assignError(outError,
+                    detail::makeMusicError(format("\"%s\" is not a pitch name: %s",
+                                                  std::string(name.substr(0, 64)).c_str(), why)));
         return std::nullopt;
     };
     const auto note = KNoteName::parsePrefix(name);
@@ -100,7 +102,8 @@ std::optional<KPitch> KPitch::pitchWithName(std::string_view name, Error* outErr
         return fail("the octave must be between -1 and 9");
     }
     // Accidentals may cross the octave boundary: B#3 is C4, Cb4 is B3.
-    const int midi = (octave + 1) * 12 + naturalPitchClass(note->first.letter()) + note->first.accidental();
+    const int midi =
+        (octave + 1) * 12 + naturalPitchClass(note->first.letter()) + note->first.accidental();
     if (midi < 0 || midi > 127) {
         return fail("the pitch lies outside the MIDI range C-1 to G9");
     }

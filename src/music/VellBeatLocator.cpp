@@ -22,8 +22,8 @@ Frame toFrame(double value) noexcept
 
 long long clampNumber(double value) noexcept
 {
-    return static_cast<long long>(std::clamp(value, -static_cast<double>(kMaxNumber),
-                                             static_cast<double>(kMaxNumber)));
+    return static_cast<long long>(
+        std::clamp(value, -static_cast<double>(kMaxNumber), static_cast<double>(kMaxNumber)));
 }
 
 long long saturatingMultiplyAdd(long long a, long long b, long long c) noexcept
@@ -78,7 +78,8 @@ void VellBeatLocator::updateWithNoteEntryStorage(const VellNoteEntryStorage& sto
     mBeatsPerBarAfter = numeratorOr4(storage.timeSignatureAtLocation(mBeats.back()));
     if (count > 1) {
         const long long intervals = std::min<long long>(4, count - 1);
-        mSpacingBefore = static_cast<double>(mBeats[intervals] - mBeats[0]) / static_cast<double>(intervals);
+        mSpacingBefore =
+            static_cast<double>(mBeats[intervals] - mBeats[0]) / static_cast<double>(intervals);
         mSpacingAfter = static_cast<double>(mBeats[count - 1] - mBeats[count - 1 - intervals]) /
                         static_cast<double>(intervals);
     }
@@ -97,11 +98,23 @@ void VellBeatLocator::updateWithNoteEntryStorage(const VellNoteEntryStorage& sto
     mBarStarts.insert(mBarStarts.end(), downbeats.begin(), downbeats.end());
 }
 
+void VellBeatLocator::updateWithNoteEntryStorage(
+    const std::shared_ptr<const VellNoteEntryStorage>& storage)
+{
+    if (storage) {
+        updateWithNoteEntryStorage(*storage);
+        return;
+    }
+    mBeats.clear();
+    mBarStarts.clear();
+}
+
 Frame VellBeatLocator::sampleOfBeatNumber(long long number) const
 {
     const auto count = static_cast<long long>(mBeats.size());
     if (number < 0) {
-        return toFrame(static_cast<double>(mBeats.front()) + static_cast<double>(number) * mSpacingBefore);
+        return toFrame(static_cast<double>(mBeats.front()) +
+                       static_cast<double>(number) * mSpacingBefore);
     }
     if (number >= count) {
         return toFrame(static_cast<double>(mBeats.back()) +
@@ -117,8 +130,8 @@ long long VellBeatLocator::beatNumberAtOrBefore(Frame sample) const
         if (mSpacingBefore <= 0) {
             return 0;
         }
-        long long k = clampNumber(std::ceil((static_cast<double>(mBeats.front()) - static_cast<double>(sample)) /
-                                            mSpacingBefore));
+        long long k = clampNumber(std::ceil(
+            (static_cast<double>(mBeats.front()) - static_cast<double>(sample)) / mSpacingBefore));
         // The estimate may be one off after rounding the extrapolated locations. (Bounded: far
         // out, the clamped locations no longer move.)
         for (int step = 0; step < 3 && k < kMaxNumber && sampleOfBeatNumber(-k) > sample; ++step) {
@@ -133,12 +146,14 @@ long long VellBeatLocator::beatNumberAtOrBefore(Frame sample) const
         if (mSpacingAfter <= 0) {
             return count - 1;
         }
-        long long k = clampNumber(std::floor((static_cast<double>(sample) - static_cast<double>(mBeats.back())) /
-                                             mSpacingAfter));
-        for (int step = 0; step < 3 && k > 0 && sampleOfBeatNumber(count - 1 + k) > sample; ++step) {
+        long long k = clampNumber(std::floor(
+            (static_cast<double>(sample) - static_cast<double>(mBeats.back())) / mSpacingAfter));
+        for (int step = 0; step < 3 && k > 0 && sampleOfBeatNumber(count - 1 + k) > sample;
+             ++step) {
             --k;
         }
-        for (int step = 0; step < 3 && k < kMaxNumber && sampleOfBeatNumber(count + k) <= sample; ++step) {
+        for (int step = 0; step < 3 && k < kMaxNumber && sampleOfBeatNumber(count + k) <= sample;
+             ++step) {
             ++k;
         }
         return count - 1 + k;

@@ -117,13 +117,14 @@ void addHat(std::vector<float>& buffer, Frame start, double level, double decay,
 {
     Noise noise(seed);
     double previous = 0;
-    addVoice(buffer, start, std::min(1.0, decay * 6), level, [noise, previous, decay](double t) mutable {
-        const double white = noise.next();
-        const double high = white - previous; // first difference: mostly above a few kHz
-        previous = white;
-        const double attack = std::min(1.0, t / 0.0005);
-        return attack * std::exp(-t / decay) * 0.5 * high;
-    });
+    addVoice(buffer, start, std::min(1.0, decay * 6), level,
+             [noise, previous, decay](double t) mutable {
+                 const double white = noise.next();
+                 const double high = white - previous; // first difference: mostly above a few kHz
+                 previous = white;
+                 const double attack = std::min(1.0, t / 0.0005);
+                 return attack * std::exp(-t / decay) * 0.5 * high;
+             });
 }
 
 void addBass(std::vector<float>& buffer, Frame start, double gate, int midi, double level)
@@ -131,7 +132,8 @@ void addBass(std::vector<float>& buffer, Frame start, double gate, int midi, dou
     const double frequency = midiFrequency(midi);
     addVoice(buffer, start, gate + 0.04, level, [=](double t) {
         const double phase = kTwoPi * frequency * t;
-        const double tone = std::sin(phase) + 0.35 * std::sin(2 * phase) + 0.12 * std::sin(3 * phase);
+        const double tone =
+            std::sin(phase) + 0.35 * std::sin(2 * phase) + 0.12 * std::sin(3 * phase);
         return envelope(t, gate, 0.005, 0.12, 0.7, 0.03) * tone;
     });
 }
@@ -156,8 +158,8 @@ void addLead(std::vector<float>& buffer, Frame start, double gate, int midi, dou
     addVoice(buffer, start, gate + 0.08, level, [=](double t) mutable {
         const double depth = 0.004 * std::clamp((t - 0.15) / 0.2, 0.0, 1.0);
         phase += kTwoPi * frequency * (1.0 + depth * std::sin(kTwoPi * 5.5 * t)) / kSampleRate;
-        const double tone = std::sin(phase) + 0.5 * std::sin(2 * phase) + 0.28 * std::sin(3 * phase) +
-                            0.12 * std::sin(4 * phase);
+        const double tone = std::sin(phase) + 0.5 * std::sin(2 * phase) +
+                            0.28 * std::sin(3 * phase) + 0.12 * std::sin(4 * phase);
         return envelope(t, gate, 0.012, 0.15, 0.75, 0.06) * tone;
     });
 }
@@ -183,18 +185,14 @@ struct ScoreNote {
 
 // The lead line, in A minor.
 constexpr ScoreNote kLead[] = {
-    {0, 0, 2, 76}, {0, 2, 1, 72}, {0, 3, 1, 69}, {0, 4, 2, 76}, {0, 6, 1, 74}, {0, 7, 1, 72},
-    {1, 0, 3, 69}, {1, 3, 1, 72}, {1, 4, 2, 77}, {1, 6, 2, 76},
-    {2, 0, 2, 67}, {2, 2, 2, 72}, {2, 4, 3, 76}, {2, 7, 1, 74},
-    {3, 0, 2, 74}, {3, 2, 2, 71}, {3, 4, 4, 67},
-    {4, 0, 1, 69}, {4, 1, 1, 72}, {4, 2, 2, 76}, {4, 4, 2, 81}, {4, 6, 1, 79}, {4, 7, 1, 76},
-    {5, 0, 2, 77}, {5, 2, 1, 76}, {5, 3, 1, 72}, {5, 4, 4, 69},
-    {6, 0, 2, 76}, {6, 2, 2, 79}, {6, 4, 2, 76}, {6, 6, 2, 72},
-    {7, 0, 2, 71}, {7, 2, 2, 68}, {7, 4, 4, 64},
-    {8, 0, 3, 81}, {8, 3, 1, 79}, {8, 4, 2, 77}, {8, 6, 2, 76},
-    {9, 0, 2, 74}, {9, 2, 2, 79}, {9, 4, 4, 83},
-    {10, 0, 2, 76}, {10, 2, 2, 79}, {10, 4, 2, 74}, {10, 6, 2, 71},
-    {11, 0, 8, 69},
+    {0, 0, 2, 76},  {0, 2, 1, 72},  {0, 3, 1, 69},  {0, 4, 2, 76},  {0, 6, 1, 74}, {0, 7, 1, 72},
+    {1, 0, 3, 69},  {1, 3, 1, 72},  {1, 4, 2, 77},  {1, 6, 2, 76},  {2, 0, 2, 67}, {2, 2, 2, 72},
+    {2, 4, 3, 76},  {2, 7, 1, 74},  {3, 0, 2, 74},  {3, 2, 2, 71},  {3, 4, 4, 67}, {4, 0, 1, 69},
+    {4, 1, 1, 72},  {4, 2, 2, 76},  {4, 4, 2, 81},  {4, 6, 1, 79},  {4, 7, 1, 76}, {5, 0, 2, 77},
+    {5, 2, 1, 76},  {5, 3, 1, 72},  {5, 4, 4, 69},  {6, 0, 2, 76},  {6, 2, 2, 79}, {6, 4, 2, 76},
+    {6, 6, 2, 72},  {7, 0, 2, 71},  {7, 2, 2, 68},  {7, 4, 4, 64},  {8, 0, 3, 81}, {8, 3, 1, 79},
+    {8, 4, 2, 77},  {8, 6, 2, 76},  {9, 0, 2, 74},  {9, 2, 2, 79},  {9, 4, 4, 83}, {10, 0, 2, 76},
+    {10, 2, 2, 79}, {10, 4, 2, 74}, {10, 6, 2, 71}, {11, 0, 8, 69},
 };
 
 struct ScoreChord {
@@ -205,10 +203,9 @@ struct ScoreChord {
 };
 
 constexpr ScoreChord kChords[] = {
-    {0, 0, 8, "Am"}, {1, 0, 8, "F"},  {2, 0, 8, "C"},  {3, 0, 8, "G"},
-    {4, 0, 8, "Am"},           {5, 0, 8, "F"},  {6, 0, 8, "C"},  {7, 0, 8, "E7"},
-    {8, 0, 8, "F"},            {9, 0, 8, "G"},  {10, 0, 4, "C"}, {10, 4, 4, "G/B"},
-    {11, 0, 8, "Am"},
+    {0, 0, 8, "Am"}, {1, 0, 8, "F"},    {2, 0, 8, "C"},   {3, 0, 8, "G"}, {4, 0, 8, "Am"},
+    {5, 0, 8, "F"},  {6, 0, 8, "C"},    {7, 0, 8, "E7"},  {8, 0, 8, "F"}, {9, 0, 8, "G"},
+    {10, 0, 4, "C"}, {10, 4, 4, "G/B"}, {11, 0, 8, "Am"},
 };
 
 KChord chordNamed(const char* name)
@@ -277,7 +274,8 @@ std::vector<float> renderAccompaniment(std::size_t frames)
             const int bar = entry.bar;
             const int eighth = entry.eighth + offset;
             if (last || (bar == 7 && eighth >= 4)) {
-                addBass(mid, frameOfEighth(bar, eighth), (8 - eighth) * kEighthSeconds * 0.95, root, 0.32);
+                addBass(mid, frameOfEighth(bar, eighth), (8 - eighth) * kEighthSeconds * 0.95, root,
+                        0.32);
                 break;
             }
             const int midi = root + ((eighth % 4) == 2 ? 12 : 0);
@@ -291,7 +289,8 @@ std::vector<float> renderLead(std::size_t frames)
 {
     std::vector<float> lead(frames, 0.0f);
     for (const auto& note : kLead) {
-        addLead(lead, frameOfEighth(note.bar, note.eighth), 0.92 * note.eighths * kEighthSeconds, note.midi, 0.26);
+        addLead(lead, frameOfEighth(note.bar, note.eighth), 0.92 * note.eighths * kEighthSeconds,
+                note.midi, 0.26);
     }
     return lead;
 }
@@ -336,7 +335,8 @@ VellPracticeDocument makeDocument(Frame totalFrames)
         const char* name;
     } regions[] = {{0, 4, "Verse 1"}, {4, 4, "Verse 2"}, {8, 4, "Chorus"}};
     for (const auto& region : regions) {
-        auto entry = region.firstBar < 8 ? storage.newVerseRegionEntry() : storage.newChorusRegionEntry();
+        auto entry =
+            region.firstBar < 8 ? storage.newVerseRegionEntry() : storage.newChorusRegionEntry();
         const Frame start = frameOfEighth(region.firstBar, 0);
         entry->setLocation(start);
         entry->setLength(frameOfEighth(region.firstBar + region.bars, 0) - start);
@@ -382,7 +382,8 @@ VellDemoSong VellDemoSong::make()
     const double gain = peak > 0 ? kPeak / peak : 1.0;
     const std::size_t fadeFrames = static_cast<std::size_t>(0.25 * kSampleRate);
     for (std::size_t i = 0; i < frames; ++i) {
-        const double fade = std::min(1.0, static_cast<double>(frames - i) / static_cast<double>(fadeFrames));
+        const double fade =
+            std::min(1.0, static_cast<double>(frames - i) / static_cast<double>(fadeFrames));
         song.mLeft[i] = static_cast<float>(song.mLeft[i] * gain * fade);
         song.mRight[i] = static_cast<float>(song.mRight[i] * gain * fade);
     }
@@ -395,13 +396,14 @@ bool VellDemoSong::writeToDirectory(const std::filesystem::path& directory, Erro
     std::error_code ec;
     std::filesystem::create_directories(directory, ec);
     if (ec || !std::filesystem::is_directory(directory)) {
-        assignError(outError, detail::makeMusicError(format("cannot make directory %s: %s", directory.c_str(),
-                                                            ec ? ec.message().c_str() : "not a directory")));
+        assignError(outError,
+                    detail::makeMusicError(format("cannot make directory %s: %s", directory.c_str(),
+                                                  ec ? ec.message().c_str() : "not a directory")));
         return false;
     }
-    auto written = detail::writeWaveFile16(directory / kAudioFileName,
-                                           {std::span<const float>(mLeft), std::span<const float>(mRight)},
-                                           static_cast<unsigned>(kSampleRate));
+    auto written = detail::writeWaveFile16(
+        directory / kAudioFileName, {std::span<const float>(mLeft), std::span<const float>(mRight)},
+        static_cast<unsigned>(kSampleRate));
     if (!written) {
         assignError(outError, std::move(written).error());
         return false;

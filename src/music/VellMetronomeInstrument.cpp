@@ -3,15 +3,18 @@
 
 namespace vell {
 
-VellMetronomeInstrument::VellMetronomeInstrument() : VellMetronomeInstrument(allInstruments().front())
+VellMetronomeInstrument::VellMetronomeInstrument()
+    : VellMetronomeInstrument(allInstruments().front())
 {
 }
 
 VellMetronomeInstrument::VellMetronomeInstrument(long long identifier, std::string_view name,
-                                                 std::uint8_t midiNote, std::uint8_t accentedMidiNote,
-                                                 std::uint8_t velocity, std::uint8_t accentedVelocity)
-    : mIdentifier(identifier), mName(name), mMidiNote(midiNote), mAccentedMidiNote(accentedMidiNote),
-      mVelocity(velocity), mAccentedVelocity(accentedVelocity)
+                                                 std::uint8_t midiNote,
+                                                 std::uint8_t accentedMidiNote,
+                                                 std::uint8_t velocity,
+                                                 std::uint8_t accentedVelocity)
+    : mIdentifier(identifier), mName(name), mMidiNote(midiNote),
+      mAccentedMidiNote(accentedMidiNote), mVelocity(velocity), mAccentedVelocity(accentedVelocity)
 {
 }
 

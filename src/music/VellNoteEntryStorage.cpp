@@ -88,7 +88,8 @@ bool sameLists(const VellEntryArray<Entry>& a, const VellEntryArray<Entry>& b)
     return true;
 }
 
-template <class Entry> bool locationLess(const std::shared_ptr<Entry>& a, const std::shared_ptr<Entry>& b)
+template <class Entry>
+bool locationLess(const std::shared_ptr<Entry>& a, const std::shared_ptr<Entry>& b)
 {
     return a->location() < b->location();
 }
@@ -100,8 +101,9 @@ std::shared_ptr<Entry> entryInForceAt(const VellEntryArray<Entry>& list, Frame l
     if (list.empty()) {
         return nullptr;
     }
-    auto it = std::upper_bound(list.begin(), list.end(), location,
-                               [](Frame f, const std::shared_ptr<Entry>& e) { return f < e->location(); });
+    auto it = std::upper_bound(
+        list.begin(), list.end(), location,
+        [](Frame f, const std::shared_ptr<Entry>& e) { return f < e->location(); });
     return it == list.begin() ? list.front() : *std::prev(it);
 }
 
@@ -148,7 +150,8 @@ template <> VellEntryArray<VellKeyEntry>& VellNoteEntryStorage::mutableEntries<V
     return mKeyEntries;
 }
 template <>
-VellEntryArray<VellTimeSignatureEntry>& VellNoteEntryStorage::mutableEntries<VellTimeSignatureEntry>()
+VellEntryArray<VellTimeSignatureEntry>&
+VellNoteEntryStorage::mutableEntries<VellTimeSignatureEntry>()
 {
     return mTimeSignatureEntries;
 }
@@ -201,7 +204,8 @@ template <class Entry> std::shared_ptr<Entry> VellNoteEntryStorage::newEntry()
     return entry;
 }
 
-template <class Entry> std::shared_ptr<Entry> VellNoteEntryStorage::copyOfEntry(const Entry& entry) const
+template <class Entry>
+std::shared_ptr<Entry> VellNoteEntryStorage::copyOfEntry(const Entry& entry) const
 {
     return std::make_shared<Entry>(entry);
 }
@@ -275,7 +279,8 @@ template <class Entry> void VellNoteEntryStorage::addEntries(const VellEntryArra
     announce(Entry::kKind);
 }
 
-template <class Entry> void VellNoteEntryStorage::removeEntries(const VellEntryArray<Entry>& entries)
+template <class Entry>
+void VellNoteEntryStorage::removeEntries(const VellEntryArray<Entry>& entries)
 {
     const VellEntryArray<Entry> outgoing = entries; // may be the storage's own list
     bool changed = false;
@@ -354,8 +359,9 @@ VellEntryArray<Entry> VellNoteEntryStorage::entriesInRange(VellFrameRange range)
 template <class Entry> void VellNoteEntryStorage::reorder(const VellEntry& changed)
 {
     auto& list = mutableEntries<Entry>();
-    const auto it = std::find_if(list.begin(), list.end(),
-                                 [&](const std::shared_ptr<Entry>& e) { return e.get() == &changed; });
+    const auto it = std::find_if(list.begin(), list.end(), [&](const std::shared_ptr<Entry>& e) {
+        return e.get() == &changed;
+    });
     if (it == list.end()) {
         return;
     }
@@ -401,7 +407,8 @@ void VellNoteEntryStorage::entryDidChange(VellEntry& entry, bool locationChanged
 void VellNoteEntryStorage::announce(VellEntryKind kind)
 {
     signalForKind(kind).emit(VellNoteEntryStorageChange{this, kind});
-    NotificationCenter::defaultCenter().post(VellNoteEntryStorageNotificationNameForKind(kind), this);
+    NotificationCenter::defaultCenter().post(VellNoteEntryStorageNotificationNameForKind(kind),
+                                             this);
 }
 
 void VellNoteEntryStorage::removeAllEntries()
@@ -482,7 +489,7 @@ void VellNoteEntryStorage::setContents(VellNoteEntryStorageContents contents)
 
 VellNoteEntryStorageContents VellNoteEntryStorage::contents() const
 {
-    return {mNoteEntries, mBeatEntries,  mTempoEntries,  mKeyEntries,
+    return {mNoteEntries,          mBeatEntries,  mTempoEntries,  mKeyEntries,
             mTimeSignatureEntries, mChordEntries, mRegionEntries, mMarkerEntries};
 }
 
@@ -505,9 +512,10 @@ VellEntryArray<VellBeatEntry> VellNoteEntryStorage::beatEntriesFilteredByTimeSig
                mTimeSignatureEntries[signatureIndex + 1]->location() <= beat->location()) {
             ++signatureIndex;
         }
-        const int stride = mTimeSignatureEntries.empty()
-                               ? 2
-                               : mTimeSignatureEntries[signatureIndex]->timeSignature().beatEntryStride();
+        const int stride =
+            mTimeSignatureEntries.empty()
+                ? 2
+                : mTimeSignatureEntries[signatureIndex]->timeSignature().beatEntryStride();
         if (beat->isDownbeat()) {
             sinceDownbeat = 0;
         }
@@ -532,10 +540,9 @@ BRIXTimeSignature VellNoteEntryStorage::timeSignatureAtLocation(Frame location) 
 
 std::shared_ptr<VellChordEntry> VellNoteEntryStorage::chordEntryAtLocation(Frame location) const
 {
-    auto it = std::upper_bound(mChordEntries.begin(), mChordEntries.end(), location,
-                               [](Frame f, const std::shared_ptr<VellChordEntry>& e) {
-                                   return f < e->location();
-                               });
+    auto it = std::upper_bound(
+        mChordEntries.begin(), mChordEntries.end(), location,
+        [](Frame f, const std::shared_ptr<VellChordEntry>& e) { return f < e->location(); });
     if (it == mChordEntries.begin()) {
         return nullptr;
     }
@@ -548,7 +555,8 @@ std::shared_ptr<VellChordEntry> VellNoteEntryStorage::chordEntryAtLocation(Frame
 
 namespace {
 
-std::shared_ptr<VellRegionEntry> namedRegion(std::shared_ptr<VellRegionEntry> region, const char* name)
+std::shared_ptr<VellRegionEntry> namedRegion(std::shared_ptr<VellRegionEntry> region,
+                                             const char* name)
 {
     region->setName(name);
     return region;
@@ -578,10 +586,9 @@ std::shared_ptr<VellRegionEntry> VellNoteEntryStorage::newBridgeRegionEntry()
 
 std::shared_ptr<VellRegionEntry> VellNoteEntryStorage::regionEntryForLocation(Frame location) const
 {
-    auto it = std::lower_bound(mRegionEntries.begin(), mRegionEntries.end(), location,
-                               [](const std::shared_ptr<VellRegionEntry>& e, Frame f) {
-                                   return e->location() < f;
-                               });
+    auto it = std::lower_bound(
+        mRegionEntries.begin(), mRegionEntries.end(), location,
+        [](const std::shared_ptr<VellRegionEntry>& e, Frame f) { return e->location() < f; });
     return it != mRegionEntries.end() && (*it)->location() == location ? *it : nullptr;
 }
 
@@ -598,8 +605,8 @@ std::shared_ptr<VellRegionEntry> VellNoteEntryStorage::regionEntryContaining(Fra
     return nullptr;
 }
 
-std::shared_ptr<VellRegionEntry>
-VellNoteEntryStorage::regionEntryOccurringBefore(const std::shared_ptr<VellRegionEntry>& region) const
+std::shared_ptr<VellRegionEntry> VellNoteEntryStorage::regionEntryOccurringBefore(
+    const std::shared_ptr<VellRegionEntry>& region) const
 {
     const auto it = std::find(mRegionEntries.begin(), mRegionEntries.end(), region);
     if (!region || it == mRegionEntries.end() || it == mRegionEntries.begin()) {
@@ -608,8 +615,8 @@ VellNoteEntryStorage::regionEntryOccurringBefore(const std::shared_ptr<VellRegio
     return *std::prev(it);
 }
 
-std::shared_ptr<VellRegionEntry>
-VellNoteEntryStorage::regionEntryOccurringAfter(const std::shared_ptr<VellRegionEntry>& region) const
+std::shared_ptr<VellRegionEntry> VellNoteEntryStorage::regionEntryOccurringAfter(
+    const std::shared_ptr<VellRegionEntry>& region) const
 {
     const auto it = std::find(mRegionEntries.begin(), mRegionEntries.end(), region);
     if (!region || it == mRegionEntries.end() || std::next(it) == mRegionEntries.end()) {
@@ -627,8 +634,8 @@ bool VellNoteEntryStorage::makeBeatGrid(double bpm, double firstBeatSeconds, Fra
         return false;
     }
     if (!(bpm > 0 && bpm <= 1000)) {
-        assignError(outError, detail::makeMusicError(
-                                  format("tempo %g BPM is outside (0, 1000]", bpm)));
+        assignError(outError,
+                    detail::makeMusicError(format("tempo %g BPM is outside (0, 1000]", bpm)));
         return false;
     }
     if (!(sampleRate > 0 && sampleRate <= 1'000'000)) {
@@ -642,17 +649,18 @@ bool VellNoteEntryStorage::makeBeatGrid(double bpm, double firstBeatSeconds, Fra
     }
     const double duration = static_cast<double>(totalFrames) / sampleRate;
     if (!(firstBeatSeconds >= 0 && firstBeatSeconds < duration)) {
-        assignError(outError, detail::makeMusicError(format(
-                                  "first beat %g s is outside the file (0 to %.3f s)",
-                                  firstBeatSeconds, duration)));
+        assignError(outError, detail::makeMusicError(
+                                  format("first beat %g s is outside the file (0 to %.3f s)",
+                                         firstBeatSeconds, duration)));
         return false;
     }
     const double spacing = sampleRate * 60.0 / bpm / 2.0; // frames per beat entry (an eighth)
     const double first = firstBeatSeconds * sampleRate;
     const double count = std::floor((static_cast<double>(totalFrames) - first) / spacing);
     if (count + 1 > kMaxBeats) {
-        assignError(outError, detail::makeMusicError(
-                                  format("a grid at %g BPM would need more than %.0f beats", bpm, kMaxBeats)));
+        assignError(outError,
+                    detail::makeMusicError(format(
+                        "a grid at %g BPM would need more than %.0f beats", bpm, kMaxBeats)));
         return false;
     }
 
@@ -683,14 +691,15 @@ bool VellNoteEntryStorage::makeBeatGrid(double bpm, double firstBeatSeconds, Fra
 }
 
 #define VELL_INSTANTIATE_ENTRY_TEMPLATES(Entry)                                                    \
-    template const VellEntryArray<Entry>& VellNoteEntryStorage::entries<Entry>() const;           \
-    template std::shared_ptr<Entry> VellNoteEntryStorage::newEntry<Entry>();                        \
-    template std::shared_ptr<Entry> VellNoteEntryStorage::copyOfEntry<Entry>(const Entry&) const;   \
-    template void VellNoteEntryStorage::addEntries<Entry>(const VellEntryArray<Entry>&);            \
-    template void VellNoteEntryStorage::removeEntries<Entry>(const VellEntryArray<Entry>&);         \
-    template void VellNoteEntryStorage::replaceEntries<Entry>(const VellEntryArray<Entry>&,         \
-                                                              const VellEntryArray<Entry>&);        \
-    template VellEntryArray<Entry> VellNoteEntryStorage::entriesInRange<Entry>(VellFrameRange) const;
+    template const VellEntryArray<Entry>& VellNoteEntryStorage::entries<Entry>() const;            \
+    template std::shared_ptr<Entry> VellNoteEntryStorage::newEntry<Entry>();                       \
+    template std::shared_ptr<Entry> VellNoteEntryStorage::copyOfEntry<Entry>(const Entry&) const;  \
+    template void VellNoteEntryStorage::addEntries<Entry>(const VellEntryArray<Entry>&);           \
+    template void VellNoteEntryStorage::removeEntries<Entry>(const VellEntryArray<Entry>&);        \
+    template void VellNoteEntryStorage::replaceEntries<Entry>(const VellEntryArray<Entry>&,        \
+                                                              const VellEntryArray<Entry>&);       \
+    template VellEntryArray<Entry> VellNoteEntryStorage::entriesInRange<Entry>(VellFrameRange)     \
+        const;
 
 VELL_INSTANTIATE_ENTRY_TEMPLATES(VellNoteEntry)
 VELL_INSTANTIATE_ENTRY_TEMPLATES(VellBeatEntry)

@@ -92,8 +92,9 @@ void checkNesting(std::string_view text)
             inString = true;
         } else if (c == '{' || c == '[') {
             if (++depth > kMaxDepth) {
-                throw DocumentFailure{format("nesting deeper than %d levels at line %zu, column %zu",
-                                             kMaxDepth, line, column)};
+                throw DocumentFailure{
+                    format("nesting deeper than %d levels at line %zu, column %zu", kMaxDepth, line,
+                           column)};
             }
         } else if (c == '}' || c == ']') {
             --depth;
@@ -116,7 +117,8 @@ const json& requireField(const json& object, const char* key, const std::string&
     return *value;
 }
 
-long long readInteger(const json& value, const std::string& place, long long minimum, long long maximum)
+long long readInteger(const json& value, const std::string& place, long long minimum,
+                      long long maximum)
 {
     long long result = 0;
     if (value.is_number_unsigned()) {
@@ -208,13 +210,14 @@ VellEntryArray<Entry> readList(const json& root, const char* key, Make make)
             failAt(place, "expected an object, found " + describe(item));
         }
         auto entry = std::make_shared<Entry>();
-        const Frame location = readInteger(requireField(item, "location", place), place + ".location", 0,
-                                           kMaxFrameValue);
+        const Frame location = readInteger(requireField(item, "location", place),
+                                           place + ".location", 0, kMaxFrameValue);
         if (i > 0 && location < previous) {
-            failAt(place + ".location",
-                   format("%lld comes before the previous entry's %lld; entries must be in ascending "
-                          "order of location",
-                          location, previous));
+            failAt(
+                place + ".location",
+                format("%lld comes before the previous entry's %lld; entries must be in ascending "
+                       "order of location",
+                       location, previous));
         }
         previous = location;
         entry->setLocation(location);
@@ -246,7 +249,8 @@ struct ParsedDocument {
 ParsedDocument parseDocument(std::string_view data)
 {
     if (data.size() > kMaxDocumentBytes) {
-        throw DocumentFailure{format("the document is larger than %zu MiB", kMaxDocumentBytes >> 20)};
+        throw DocumentFailure{
+            format("the document is larger than %zu MiB", kMaxDocumentBytes >> 20)};
     }
     checkNesting(data);
     json root;
@@ -268,10 +272,13 @@ ParsedDocument parseDocument(std::string_view data)
     }
 
     const json& formatValue = requireField(root, "format", "");
-    if (!formatValue.is_string() || formatValue.get_ref<const std::string&>() != VellPracticeDocument::kFormatName) {
-        failAt("format", "expected \"" + std::string(VellPracticeDocument::kFormatName) + "\", found " +
-                             (formatValue.is_string() ? "\"" + formatValue.get<std::string>().substr(0, 64) + "\""
-                                                      : describe(formatValue)));
+    if (!formatValue.is_string() ||
+        formatValue.get_ref<const std::string&>() != VellPracticeDocument::kFormatName) {
+        failAt("format", "expected \"" + std::string(VellPracticeDocument::kFormatName) +
+                             "\", found " +
+                             (formatValue.is_string()
+                                  ? "\"" + formatValue.get<std::string>().substr(0, 64) + "\""
+                                  : describe(formatValue)));
     }
     const long long version = readInteger(requireField(root, "version", ""), "version", 1,
                                           std::numeric_limits<long long>::max());
@@ -290,59 +297,62 @@ ParsedDocument parseDocument(std::string_view data)
     }
 
     auto& contents = parsed.contents;
-    contents.beats = readList<VellBeatEntry>(root, "beats", [](VellBeatEntry& beat, const json& item,
-                                                               const std::string& place) {
-        if (const json* downbeat = findField(item, "downbeat")) {
-            beat.setDownbeat(readBoolean(*downbeat, place + ".downbeat"));
-        }
-    });
-    contents.tempos = readList<VellTempoEntry>(root, "tempos", [](VellTempoEntry& tempo, const json& item,
-                                                                  const std::string& place) {
-        tempo.setLength(readLength(item, place, false));
-        const double bpm = readNumber(requireField(item, "tempo", place), place + ".tempo");
-        if (!(bpm > 0 && bpm <= kMaxTempo)) {
-            failAt(place + ".tempo", format("%g BPM is outside (0, %g]", bpm, kMaxTempo));
-        }
-        tempo.setTempo(static_cast<float>(bpm));
-    });
+    contents.beats = readList<VellBeatEntry>(
+        root, "beats", [](VellBeatEntry& beat, const json& item, const std::string& place) {
+            if (const json* downbeat = findField(item, "downbeat")) {
+                beat.setDownbeat(readBoolean(*downbeat, place + ".downbeat"));
+            }
+        });
+    contents.tempos = readList<VellTempoEntry>(
+        root, "tempos", [](VellTempoEntry& tempo, const json& item, const std::string& place) {
+            tempo.setLength(readLength(item, place, false));
+            const double bpm = readNumber(requireField(item, "tempo", place), place + ".tempo");
+            if (!(bpm > 0 && bpm <= kMaxTempo)) {
+                failAt(place + ".tempo", format("%g BPM is outside (0, %g]", bpm, kMaxTempo));
+            }
+            tempo.setTempo(static_cast<float>(bpm));
+        });
     contents.timeSignatures = readList<VellTimeSignatureEntry>(
-        root, "timeSignatures", [](VellTimeSignatureEntry& signature, const json& item, const std::string& place) {
+        root, "timeSignatures",
+        [](VellTimeSignatureEntry& signature, const json& item, const std::string& place) {
             signature.setNumerator(static_cast<std::uint8_t>(
                 readInteger(requireField(item, "numerator", place), place + ".numerator", 1, 255)));
-            const long long denominator =
-                readInteger(requireField(item, "denominator", place), place + ".denominator", 1, 64);
+            const long long denominator = readInteger(requireField(item, "denominator", place),
+                                                      place + ".denominator", 1, 64);
             if ((denominator & (denominator - 1)) != 0) {
-                failAt(place + ".denominator", format("%lld is not a power of two (1, 2, 4 ... 64)", denominator));
+                failAt(place + ".denominator",
+                       format("%lld is not a power of two (1, 2, 4 ... 64)", denominator));
             }
             signature.setDenominator(static_cast<std::uint8_t>(denominator));
         });
-    contents.keys = readList<VellKeyEntry>(root, "keys", [](VellKeyEntry& key, const json& item,
-                                                            const std::string& place) {
-        key.setTonicChord(readChord(requireField(item, "tonic", place), place + ".tonic"));
-    });
-    contents.notes = readList<VellNoteEntry>(root, "notes", [](VellNoteEntry& note, const json& item,
-                                                               const std::string& place) {
-        note.setLength(readLength(item, place, true));
-        note.setPitch(KPitch(static_cast<int>(
-            readInteger(requireField(item, "pitch", place), place + ".pitch", 0, 127))));
-        if (const json* channel = findField(item, "channel")) {
-            note.setChannel(static_cast<std::uint8_t>(readInteger(*channel, place + ".channel", 0, 15)));
-        }
-    });
-    contents.chords = readList<VellChordEntry>(root, "chords", [](VellChordEntry& chord, const json& item,
-                                                                  const std::string& place) {
-        chord.setLength(readLength(item, place, false));
-        chord.setChord(readChord(requireField(item, "chord", place), place + ".chord"));
-    });
-    contents.regions = readList<VellRegionEntry>(root, "regions", [](VellRegionEntry& region, const json& item,
-                                                                     const std::string& place) {
-        region.setLength(readLength(item, place, true));
-        region.setName(readOptionalName(item, place));
-    });
-    contents.markers = readList<VellMarkerEntry>(root, "markers", [](VellMarkerEntry& marker, const json& item,
-                                                                     const std::string& place) {
-        marker.setName(readOptionalName(item, place));
-    });
+    contents.keys = readList<VellKeyEntry>(
+        root, "keys", [](VellKeyEntry& key, const json& item, const std::string& place) {
+            key.setTonicChord(readChord(requireField(item, "tonic", place), place + ".tonic"));
+        });
+    contents.notes = readList<VellNoteEntry>(
+        root, "notes", [](VellNoteEntry& note, const json& item, const std::string& place) {
+            note.setLength(readLength(item, place, true));
+            note.setPitch(KPitch(static_cast<int>(
+                readInteger(requireField(item, "pitch", place), place + ".pitch", 0, 127))));
+            if (const json* channel = findField(item, "channel")) {
+                note.setChannel(
+                    static_cast<std::uint8_t>(readInteger(*channel, place + ".channel", 0, 15)));
+            }
+        });
+    contents.chords = readList<VellChordEntry>(
+        root, "chords", [](VellChordEntry& chord, const json& item, const std::string& place) {
+            chord.setLength(readLength(item, place, false));
+            chord.setChord(readChord(requireField(item, "chord", place), place + ".chord"));
+        });
+    contents.regions = readList<VellRegionEntry>(
+        root, "regions", [](VellRegionEntry& region, const json& item, const std::string& place) {
+            region.setLength(readLength(item, place, true));
+            region.setName(readOptionalName(item, place));
+        });
+    contents.markers = readList<VellMarkerEntry>(
+        root, "markers", [](VellMarkerEntry& marker, const json& item, const std::string& place) {
+            marker.setName(readOptionalName(item, place));
+        });
 
     if (const json* settings = findField(root, "settings")) {
         if (!settings->is_object()) {
@@ -431,12 +441,13 @@ VellPracticeDocument::VellPracticeDocument(std::shared_ptr<VellNoteEntryStorage>
 {
 }
 
-std::optional<VellPracticeDocument> VellPracticeDocument::documentWithBeatGrid(double bpm, double firstBeatSeconds,
-                                                                               Frame totalFrames, double sampleRate,
-                                                                               Error* outError)
+std::optional<VellPracticeDocument>
+VellPracticeDocument::documentWithBeatGrid(double bpm, double firstBeatSeconds, Frame totalFrames,
+                                           double sampleRate, Error* outError)
 {
     VellPracticeDocument document;
-    if (!document.mStorage->makeBeatGrid(bpm, firstBeatSeconds, totalFrames, sampleRate, outError)) {
+    if (!document.mStorage->makeBeatGrid(bpm, firstBeatSeconds, totalFrames, sampleRate,
+                                         outError)) {
         return std::nullopt;
     }
     document.mSampleRate = sampleRate;
@@ -471,7 +482,8 @@ bool VellPracticeDocument::readFromJSONData(std::string_view data, Error* outErr
         assignError(outError, detail::makeMusicError(failure.message));
         return false;
     } catch (const std::exception& exception) {
-        assignError(outError, detail::makeMusicError(std::string("cannot read the document: ") + exception.what()));
+        assignError(outError, detail::makeMusicError(std::string("cannot read the document: ") +
+                                                     exception.what()));
         return false;
     }
     // Everything was read: now swap it in.
@@ -486,14 +498,16 @@ bool VellPracticeDocument::readFromFile(const std::filesystem::path& path, Error
 {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        assignError(outError, detail::makeMusicError(format("cannot open %s: %s", path.c_str(), std::strerror(errno))));
+        assignError(outError, detail::makeMusicError(format("cannot open %s: %s", path.c_str(),
+                                                            std::strerror(errno))));
         return false;
     }
     std::error_code ec;
     const auto size = std::filesystem::file_size(path, ec);
     if (!ec && size > kMaxDocumentBytes) {
-        assignError(outError, detail::makeMusicError(
-                                  format("%s is larger than %zu MiB", path.c_str(), kMaxDocumentBytes >> 20)));
+        assignError(outError,
+                    detail::makeMusicError(format("%s is larger than %zu MiB", path.c_str(),
+                                                  kMaxDocumentBytes >> 20)));
         return false;
     }
     std::string data;
@@ -501,8 +515,9 @@ bool VellPracticeDocument::readFromFile(const std::filesystem::path& path, Error
     while (file.read(buffer, sizeof buffer) || file.gcount() > 0) {
         data.append(buffer, static_cast<std::size_t>(file.gcount()));
         if (data.size() > kMaxDocumentBytes) {
-            assignError(outError, detail::makeMusicError(
-                                      format("%s is larger than %zu MiB", path.c_str(), kMaxDocumentBytes >> 20)));
+            assignError(outError,
+                        detail::makeMusicError(format("%s is larger than %zu MiB", path.c_str(),
+                                                      kMaxDocumentBytes >> 20)));
             return false;
         }
     }
@@ -519,28 +534,32 @@ std::string VellPracticeDocument::JSONData() const
     std::string out = "{\n";
     out += "  \"format\": \"" + std::string(kFormatName) + "\",\n";
     out += format("  \"version\": %d,\n", kFormatVersion);
-    out += "  \"sampleRate\": " + dumpCompact(std::floor(mSampleRate) == mSampleRate
-                                                 ? ordered_json(static_cast<long long>(mSampleRate))
-                                                 : ordered_json(mSampleRate)) + ",\n";
+    out += "  \"sampleRate\": " +
+           dumpCompact(std::floor(mSampleRate) == mSampleRate
+                           ? ordered_json(static_cast<long long>(mSampleRate))
+                           : ordered_json(mSampleRate)) +
+           ",\n";
     if (!mAudioFile.empty()) {
         out += "  \"audioFile\": " + dumpCompact(mAudioFile.substr(0, kMaxPathBytes)) + ",\n";
     }
-    writeList(out, "beats", storage.beatEntries(), [](ordered_json& item, const VellBeatEntry& beat) {
-        if (beat.isDownbeat()) {
-            item["downbeat"] = true;
-        }
-        return true;
-    });
-    writeList(out, "tempos", storage.tempoEntries(), [](ordered_json& item, const VellTempoEntry& tempo) {
-        const double bpm = tempo.tempo();
-        if (!(bpm > 0 && bpm <= kMaxTempo)) {
-            return false;
-        }
-        item["length"] = writableLength(tempo.length());
-        // The float's shortest decimal form: 120.3f is written as 120.3.
-        item["tempo"] = std::strtod(format("%.7g", bpm).c_str(), nullptr);
-        return true;
-    });
+    writeList(out, "beats", storage.beatEntries(),
+              [](ordered_json& item, const VellBeatEntry& beat) {
+                  if (beat.isDownbeat()) {
+                      item["downbeat"] = true;
+                  }
+                  return true;
+              });
+    writeList(out, "tempos", storage.tempoEntries(),
+              [](ordered_json& item, const VellTempoEntry& tempo) {
+                  const double bpm = tempo.tempo();
+                  if (!(bpm > 0 && bpm <= kMaxTempo)) {
+                      return false;
+                  }
+                  item["length"] = writableLength(tempo.length());
+                  // The float's shortest decimal form: 120.3f is written as 120.3.
+                  item["tempo"] = std::strtod(format("%.7g", bpm).c_str(), nullptr);
+                  return true;
+              });
     writeList(out, "timeSignatures", storage.timeSignatureEntries(),
               [](ordered_json& item, const VellTimeSignatureEntry& signature) {
                   if (!signature.timeSignature().isValid()) {
@@ -554,29 +573,34 @@ std::string VellPracticeDocument::JSONData() const
         item["tonic"] = key.tonicChord().name();
         return true;
     });
-    writeList(out, "notes", storage.noteEntries(), [](ordered_json& item, const VellNoteEntry& note) {
-        item["length"] = writableLength(note.length());
-        item["pitch"] = note.pitch().midiNote();
-        item["channel"] = std::min<int>(note.channel(), 15);
-        return true;
-    });
-    writeList(out, "chords", storage.chordEntries(), [](ordered_json& item, const VellChordEntry& chord) {
-        item["length"] = writableLength(chord.length());
-        item["chord"] = chord.chord().name();
-        return true;
-    });
-    writeList(out, "regions", storage.regionEntries(), [](ordered_json& item, const VellRegionEntry& region) {
-        item["length"] = writableLength(region.length());
-        item["name"] = truncatedName(region.name());
-        return true;
-    });
-    writeList(out, "markers", storage.markerEntries(), [](ordered_json& item, const VellMarkerEntry& marker) {
-        if (!marker.name().empty()) {
-            item["name"] = truncatedName(marker.name());
-        }
-        return true;
-    });
-    std::string settings = ordered_json(mSettings).dump(2, ' ', false, json::error_handler_t::replace);
+    writeList(out, "notes", storage.noteEntries(),
+              [](ordered_json& item, const VellNoteEntry& note) {
+                  item["length"] = writableLength(note.length());
+                  item["pitch"] = note.pitch().midiNote();
+                  item["channel"] = std::min<int>(note.channel(), 15);
+                  return true;
+              });
+    writeList(out, "chords", storage.chordEntries(),
+              [](ordered_json& item, const VellChordEntry& chord) {
+                  item["length"] = writableLength(chord.length());
+                  item["chord"] = chord.chord().name();
+                  return true;
+              });
+    writeList(out, "regions", storage.regionEntries(),
+              [](ordered_json& item, const VellRegionEntry& region) {
+                  item["length"] = writableLength(region.length());
+                  item["name"] = truncatedName(region.name());
+                  return true;
+              });
+    writeList(out, "markers", storage.markerEntries(),
+              [](ordered_json& item, const VellMarkerEntry& marker) {
+                  if (!marker.name().empty()) {
+                      item["name"] = truncatedName(marker.name());
+                  }
+                  return true;
+              });
+    std::string settings =
+        ordered_json(mSettings).dump(2, ' ', false, json::error_handler_t::replace);
     // Indented one level to sit inside the document.
     std::string indented;
     for (const char c : settings) {
@@ -597,7 +621,8 @@ bool VellPracticeDocument::writeToFile(const std::filesystem::path& path, Error*
     {
         std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
         if (!file) {
-            assignError(outError, detail::makeMusicError(format("cannot write %s: %s", path.c_str(), std::strerror(errno))));
+            assignError(outError, detail::makeMusicError(format("cannot write %s: %s", path.c_str(),
+                                                                std::strerror(errno))));
             return false;
         }
         file.write(data.data(), static_cast<std::streamsize>(data.size()));
@@ -606,7 +631,8 @@ bool VellPracticeDocument::writeToFile(const std::filesystem::path& path, Error*
             const int error = errno;
             file.close();
             std::filesystem::remove(temporary);
-            assignError(outError, detail::makeMusicError(format("cannot write %s: %s", path.c_str(), std::strerror(error))));
+            assignError(outError, detail::makeMusicError(format("cannot write %s: %s", path.c_str(),
+                                                                std::strerror(error))));
             return false;
         }
     }
@@ -614,7 +640,8 @@ bool VellPracticeDocument::writeToFile(const std::filesystem::path& path, Error*
     std::filesystem::rename(temporary, path, ec);
     if (ec) {
         std::filesystem::remove(temporary);
-        assignError(outError, detail::makeMusicError(format("cannot write %s: %s", path.c_str(), ec.message().c_str())));
+        assignError(outError, detail::makeMusicError(format("cannot write %s: %s", path.c_str(),
+                                                            ec.message().c_str())));
         return false;
     }
     return true;

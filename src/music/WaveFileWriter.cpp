@@ -25,15 +25,18 @@ void putLE(std::vector<char>& out, std::uint32_t value, int bytes)
 } // namespace
 
 Result<void> writeWaveFile16(const std::filesystem::path& path,
-                             const std::vector<std::span<const float>>& channels, unsigned sampleRate)
+                             const std::vector<std::span<const float>>& channels,
+                             unsigned sampleRate)
 {
     if (channels.empty() || channels.size() > 16) {
-        return makeMusicError(format("cannot write %s: %zu channels", path.c_str(), channels.size()));
+        return makeMusicError(
+            format("cannot write %s: %zu channels", path.c_str(), channels.size()));
     }
     const std::size_t frames = channels.front().size();
     for (const auto& channel : channels) {
         if (channel.size() != frames) {
-            return makeMusicError(format("cannot write %s: channels differ in length", path.c_str()));
+            return makeMusicError(
+                format("cannot write %s: channels differ in length", path.c_str()));
         }
     }
     const auto channelCount = static_cast<std::uint32_t>(channels.size());
@@ -46,13 +49,13 @@ Result<void> writeWaveFile16(const std::filesystem::path& path,
     header.insert(header.end(), {'R', 'I', 'F', 'F'});
     putLE(header, static_cast<std::uint32_t>(36 + dataBytes), 4);
     header.insert(header.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-    putLE(header, 16, 4);                        // fmt chunk size
-    putLE(header, 1, 2);                         // PCM
+    putLE(header, 16, 4); // fmt chunk size
+    putLE(header, 1, 2);  // PCM
     putLE(header, channelCount, 2);
     putLE(header, sampleRate, 4);
     putLE(header, sampleRate * channelCount * 2, 4); // bytes per second
-    putLE(header, channelCount * 2, 2);          // block align
-    putLE(header, 16, 2);                        // bits per sample
+    putLE(header, channelCount * 2, 2);              // block align
+    putLE(header, 16, 2);                            // bits per sample
     header.insert(header.end(), {'d', 'a', 't', 'a'});
     putLE(header, static_cast<std::uint32_t>(dataBytes), 4);
 
@@ -69,7 +72,8 @@ Result<void> writeWaveFile16(const std::filesystem::path& path,
         block.clear();
         for (std::size_t i = start; i < end; ++i) {
             for (const auto& channel : channels) {
-                const float sample = std::isfinite(channel[i]) ? std::clamp(channel[i], -1.0f, 1.0f) : 0.0f;
+                const float sample =
+                    std::isfinite(channel[i]) ? std::clamp(channel[i], -1.0f, 1.0f) : 0.0f;
                 const auto value = static_cast<std::int16_t>(std::lrint(sample * 32767.0f));
                 putLE(block, static_cast<std::uint16_t>(value), 2);
             }

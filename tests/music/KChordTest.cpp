@@ -93,10 +93,10 @@ TEST(KChordTest, ParsesRootQualityAndBass)
 
 TEST(KChordTest, PrintingRoundTripsEveryQualityAndSpelling)
 {
-    const char* names[] = {"C",     "Am",    "G7",   "F#maj7", "Bbm7",  "Ebdim",  "Bdim7",
-                           "F#m7b5", "Caug", "Dsus2", "Esus4", "A7sus4", "C6",    "Am6",
-                           "D9",    "Fmaj9", "Em9",  "Gadd9",  "E5",    "AmMaj7", "Bb/D",
-                           "C/E",   "G/B",   "Db7/Ab", "C##",  "Fbb",   "Am7/G"};
+    const char* names[] = {"C",      "Am",    "G7",     "F#maj7", "Bbm7",   "Ebdim",  "Bdim7",
+                           "F#m7b5", "Caug",  "Dsus2",  "Esus4",  "A7sus4", "C6",     "Am6",
+                           "D9",     "Fmaj9", "Em9",    "Gadd9",  "E5",     "AmMaj7", "Bb/D",
+                           "C/E",    "G/B",   "Db7/Ab", "C##",    "Fbb",    "Am7/G"};
     for (const char* name : names) {
         SCOPED_TRACE(name);
         EXPECT_EQ(chord(name).name(), name);
@@ -115,9 +115,15 @@ TEST(KChordTest, UnknownTextIsAClearFailure)
         const char* text;
         const char* mentions;
     } cases[] = {
-        {"", "empty"},           {"H7", "root"},          {"am", "root"},
-        {"Cxyz", "quality \"xyz\""}, {"C/H", "bass note \"H\""}, {"C/", "bass note"},
-        {"Cmaj7/D#x", "bass"},   {"C#b", "quality"},      {"/C", "root"},
+        {"", "empty"},
+        {"H7", "root"},
+        {"am", "root"},
+        {"Cxyz", "quality \"xyz\""},
+        {"C/H", "bass note \"H\""},
+        {"C/", "bass note"},
+        {"Cmaj7/D#x", "bass"},
+        {"C#b", "quality"},
+        {"/C", "root"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -149,12 +155,12 @@ TEST(KChordTest, TranspositionKeepsTheSpellingFamily)
         int semitones;
         const char* to;
     } cases[] = {
-        {"C", 1, "Db"},        {"C", 6, "F#"},       {"Am", 1, "Bbm"},     {"Am", -1, "G#m"},
-        {"Em", -1, "Ebm"},     {"F#m7", 1, "Gm7"},   {"F#m7", 2, "G#m7"},  {"Bb", 1, "B"},
-        {"Bb", 2, "C"},        {"Bb", -1, "A"},      {"Bb", 1 + 12, "B"},  {"Eb7", -3, "C7"},
-        {"Bb/D", 2, "C/E"},    {"C/E", 1, "Db/F"},   {"G/B", 1, "Ab/C"},   {"C/Eb", 2, "D/F"},
-        {"C/Eb", 1, "Db/E"},   {"Am7/G", -3, "F#m7/E"}, {"C#", -1, "C"},   {"C#", 1, "D"},
-        {"C", 12, "C"},        {"A#", 0, "A#"},      {"C/F#", 2, "D/G#"},
+        {"C", 1, "Db"},      {"C", 6, "F#"},          {"Am", 1, "Bbm"},    {"Am", -1, "G#m"},
+        {"Em", -1, "Ebm"},   {"F#m7", 1, "Gm7"},      {"F#m7", 2, "G#m7"}, {"Bb", 1, "B"},
+        {"Bb", 2, "C"},      {"Bb", -1, "A"},         {"Bb", 1 + 12, "B"}, {"Eb7", -3, "C7"},
+        {"Bb/D", 2, "C/E"},  {"C/E", 1, "Db/F"},      {"G/B", 1, "Ab/C"},  {"C/Eb", 2, "D/F"},
+        {"C/Eb", 1, "Db/E"}, {"Am7/G", -3, "F#m7/E"}, {"C#", -1, "C"},     {"C#", 1, "D"},
+        {"C", 12, "C"},      {"A#", 0, "A#"},         {"C/F#", 2, "D/G#"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.from) + " by " + std::to_string(c.semitones));

@@ -163,7 +163,8 @@ TEST(VellBeatLocatorTest, ClosestBeatAndCountInBeatsAreIgnored)
 
 TEST(VellBeatLocatorTest, DegenerateGrids)
 {
-    VellBeatLocator empty;
+    VellBeatLocator empty = fourFourLocator();
+    empty.updateWithNoteEntryStorage(std::shared_ptr<const VellNoteEntryStorage>());
     EXPECT_FALSE(empty.hasBeatEntries());
     EXPECT_EQ(empty.sampleOfBarBeatIndex(at(0, 0)), kFrameNotFound);
     EXPECT_EQ(empty.barBeatIndexOfSample(5000), at(0, 0));

@@ -32,7 +32,8 @@ double energy(const std::vector<float>& samples, std::size_t begin, std::size_t 
 }
 
 /// Magnitude of one frequency over a span (Goertzel).
-double magnitudeAt(const std::vector<float>& samples, std::size_t begin, std::size_t end, double frequency)
+double magnitudeAt(const std::vector<float>& samples, std::size_t begin, std::size_t end,
+                   double frequency)
 {
     const double w = 2 * std::numbers::pi * frequency / VellDemoSong::kSampleRate;
     const double coefficient = 2 * std::cos(w);
@@ -40,7 +41,8 @@ double magnitudeAt(const std::vector<float>& samples, std::size_t begin, std::si
     double s2 = 0;
     for (std::size_t i = begin; i < end; ++i) {
         // A Hann window keeps neighbouring notes from leaking in.
-        const double window = 0.5 - 0.5 * std::cos(2 * std::numbers::pi * double(i - begin) / double(end - begin));
+        const double window =
+            0.5 - 0.5 * std::cos(2 * std::numbers::pi * double(i - begin) / double(end - begin));
         const double s0 = window * samples[i] + coefficient * s1 - s2;
         s2 = s1;
         s1 = s0;
@@ -104,7 +106,8 @@ TEST(VellDemoSongTest, TheLeadIsOnlyInTheLeftChannel)
     std::vector<bool> covered(difference.size(), false);
     for (const auto& note : notes) {
         const auto begin = static_cast<std::size_t>(note->location());
-        const auto end = std::min(covered.size(), static_cast<std::size_t>(note->location() + note->length() + 8000));
+        const auto end = std::min(
+            covered.size(), static_cast<std::size_t>(note->location() + note->length() + 8000));
         std::fill(covered.begin() + begin, covered.begin() + end, true);
     }
     double inside = 0;
@@ -200,13 +203,14 @@ TEST(VellDemoSongTest, WritesWaveAndDocument)
     ASSERT_TRUE(demo().writeToDirectory(target, &error)) << error.localizedDescription();
 
     std::ifstream file(target / "demo.wav", std::ios::binary);
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::vector<char> bytes((std::istreambuf_iterator<char>(file)),
+                                  std::istreambuf_iterator<char>());
     ASSERT_GE(bytes.size(), 44u);
     EXPECT_EQ(std::memcmp(bytes.data(), "RIFF", 4), 0);
     EXPECT_EQ(readLE(bytes, 4, 4), bytes.size() - 8);
     EXPECT_EQ(std::memcmp(bytes.data() + 8, "WAVEfmt ", 8), 0);
-    EXPECT_EQ(readLE(bytes, 20, 2), 1u);     // PCM
-    EXPECT_EQ(readLE(bytes, 22, 2), 2u);     // stereo
+    EXPECT_EQ(readLE(bytes, 20, 2), 1u); // PCM
+    EXPECT_EQ(readLE(bytes, 22, 2), 2u); // stereo
     EXPECT_EQ(readLE(bytes, 24, 4), 44100u);
     EXPECT_EQ(readLE(bytes, 34, 2), 16u);
     EXPECT_EQ(std::memcmp(bytes.data() + 36, "data", 4), 0);
@@ -219,7 +223,8 @@ TEST(VellDemoSongTest, WritesWaveAndDocument)
     EXPECT_EQ(right, static_cast<std::int16_t>(std::lrint(demo().right()[frame] * 32767.0f)));
 
     VellPracticeDocument document;
-    ASSERT_TRUE(document.readFromFile(target / "demo.json", &error)) << error.localizedDescription();
+    ASSERT_TRUE(document.readFromFile(target / "demo.json", &error))
+        << error.localizedDescription();
     EXPECT_EQ(document.JSONData(), demo().document().JSONData());
 
     // A file where the directory should be.

@@ -24,11 +24,12 @@ public:
     {
         for (int kind = 0; kind < kVellEntryKindCount; ++kind) {
             const auto k = static_cast<VellEntryKind>(kind);
-            mConnections.push_back(storage.signalForKind(k).connect([this, k](const VellNoteEntryStorageChange& change) {
-                EXPECT_EQ(change.object, &mStorage);
-                EXPECT_EQ(change.kind, k);
-                ++mSignals[static_cast<int>(k)];
-            }));
+            mConnections.push_back(storage.signalForKind(k).connect(
+                [this, k](const VellNoteEntryStorageChange& change) {
+                    EXPECT_EQ(change.object, &mStorage);
+                    EXPECT_EQ(change.kind, k);
+                    ++mSignals[static_cast<int>(k)];
+                }));
             mTokens.push_back(NotificationCenter::defaultCenter().addObserver(
                 VellNoteEntryStorageNotificationNameForKind(k), &storage,
                 [this, kind](const Notification& notification) {
@@ -69,7 +70,8 @@ private:
     std::vector<NotificationCenter::ObserverToken> mTokens;
 };
 
-std::shared_ptr<VellBeatEntry> beatAt(VellNoteEntryStorage& storage, Frame location, bool downbeat = false)
+std::shared_ptr<VellBeatEntry> beatAt(VellNoteEntryStorage& storage, Frame location,
+                                      bool downbeat = false)
 {
     auto beat = storage.newBeatEntry();
     beat->setLocation(location);
@@ -77,8 +79,8 @@ std::shared_ptr<VellBeatEntry> beatAt(VellNoteEntryStorage& storage, Frame locat
     return beat;
 }
 
-std::shared_ptr<VellRegionEntry> regionAt(VellNoteEntryStorage& storage, Frame location, Frame length,
-                                          const char* name = "verse")
+std::shared_ptr<VellRegionEntry> regionAt(VellNoteEntryStorage& storage, Frame location,
+                                          Frame length, const char* name = "verse")
 {
     auto region = storage.newRegionEntry();
     region->setLocation(location);
@@ -121,7 +123,8 @@ void setSignature(VellNoteEntryStorage& storage, int numerator, int denominator,
 TEST(VellNoteEntryStorageTest, KeepsEachKindInLocationOrder)
 {
     VellNoteEntryStorage storage;
-    storage.addBeatEntriesFromArray({beatAt(storage, 300), beatAt(storage, 100), beatAt(storage, 200)});
+    storage.addBeatEntriesFromArray(
+        {beatAt(storage, 300), beatAt(storage, 100), beatAt(storage, 200)});
     EXPECT_EQ(locations(storage.beatEntries()), (std::vector<Frame>{100, 200, 300}));
 
     // Equal locations keep the order they were added in.
@@ -216,8 +219,9 @@ TEST(VellNoteEntryStorageTest, EachEditAnnouncesOnceAndNoOpsAnnounceNothing)
     storage.replaceBeatEntriesInArray({}, {});
     EXPECT_EQ(counter.total(), 1);
 
-    const auto copies = VellEntryArray<VellBeatEntry>{storage.copyOfBeatEntry(storage.beatEntries()[0]),
-                                                      storage.copyOfBeatEntry(storage.beatEntries()[1])};
+    const auto copies =
+        VellEntryArray<VellBeatEntry>{storage.copyOfBeatEntry(storage.beatEntries()[0]),
+                                      storage.copyOfBeatEntry(storage.beatEntries()[1])};
     storage.replaceBeatEntriesInArray({storage.beatEntries()[0], storage.beatEntries()[1]}, copies);
     EXPECT_EQ(counter.signals(VellEntryKind::beat), 2);
     storage.removeBeatEntriesInArray(storage.beatEntries());
@@ -273,7 +277,8 @@ TEST(VellNoteEntryStorageTest, NotificationNamesAreTheDocumentedOnes)
     VellNoteEntryStorage other;
     int heard = 0;
     auto token = NotificationCenter::defaultCenter().addObserver(
-        VellNoteEntryStorageDidChangeBeatEntriesNotification, &mine, [&](const Notification&) { ++heard; });
+        VellNoteEntryStorageDidChangeBeatEntriesNotification, &mine,
+        [&](const Notification&) { ++heard; });
     other.addBeatEntry(other.newBeatEntry());
     EXPECT_EQ(heard, 0);
     mine.addBeatEntry(mine.newBeatEntry());
@@ -287,7 +292,8 @@ TEST(VellNoteEntryStorageTest, ReplacingTimeSignaturesLeavesOnlyTheNewOnes)
     setSignature(storage, 3, 4, 5000);
     EXPECT_EQ(storage.timeSignatureAtLocation(4999), BRIXTimeSignature(4, 4));
     EXPECT_EQ(storage.timeSignatureAtLocation(5000), BRIXTimeSignature(3, 4));
-    EXPECT_EQ(storage.timeSignatureAtLocation(-10), BRIXTimeSignature(4, 4)); // before all: the first
+    EXPECT_EQ(storage.timeSignatureAtLocation(-10),
+              BRIXTimeSignature(4, 4)); // before all: the first
 
     ChangeCounter counter(storage);
     auto six = storage.newTimeSignatureEntry();
@@ -322,7 +328,8 @@ TEST(VellNoteEntryStorageTest, RegionQueries)
     EXPECT_EQ(storage.regionEntryContaining(kFrameNotFound), nullptr);
 
     EXPECT_EQ(storage.regionEntriesInRange({999, 1002}), (VellEntryArray<VellRegionEntry>{a, b}));
-    EXPECT_TRUE(storage.regionEntriesInRange({1000, 1000}).empty()); // touches a's end and b's start
+    EXPECT_TRUE(
+        storage.regionEntriesInRange({1000, 1000}).empty()); // touches a's end and b's start
     EXPECT_EQ(storage.regionEntriesInRange({1000, 1001}), (VellEntryArray<VellRegionEntry>{b}));
     EXPECT_TRUE(storage.regionEntriesInRange({2500, 0}).empty());
     EXPECT_EQ(storage.regionEntriesInRange({0, UINT64_MAX}).size(), 3u);
@@ -381,7 +388,8 @@ TEST(VellNoteEntryStorageTest, MarkerAndChordQueries)
     ASSERT_EQ(storage.markerEntriesInRange({250, 1}).size(), 1u);
     EXPECT_EQ(storage.markerEntriesInRange({250, 1})[0]->location(), 250);
     EXPECT_TRUE(storage.markerEntriesInRange({251, 1}).empty());
-    EXPECT_EQ(locations(storage.markerEntriesInRange({100, 301})), (std::vector<Frame>{100, 250, 400}));
+    EXPECT_EQ(locations(storage.markerEntriesInRange({100, 301})),
+              (std::vector<Frame>{100, 250, 400}));
     EXPECT_EQ(locations(storage.markerEntriesInRange({101, 299})), (std::vector<Frame>{250}));
 
     auto addChord = [&](Frame location, Frame length, const char* name) {
@@ -410,7 +418,8 @@ TEST(VellNoteEntryStorageTest, MetronomeBeatsFollowTheTimeSignature)
     } meters[] = {{4, 4, 8, 4}, {3, 4, 6, 3}, {6, 8, 6, 6}, {2, 2, 4, 2}, {7, 8, 7, 7}};
     for (const auto& meter : meters) {
         SCOPED_TRACE(BRIXTimeSignature(static_cast<std::uint8_t>(meter.numerator),
-                                       static_cast<std::uint8_t>(meter.denominator)).name());
+                                       static_cast<std::uint8_t>(meter.denominator))
+                         .name());
         VellNoteEntryStorage storage;
         setSignature(storage, meter.numerator, meter.denominator);
         EXPECT_EQ(storage.timeSignatureAtLocation(0).beatEntriesPerBar(), meter.perBar);
@@ -454,7 +463,8 @@ TEST(VellNoteEntryStorageTest, BeatGridForBpmAndFirstBeat)
     VellNoteEntryStorage storage;
     ChangeCounter counter(storage);
     Error error;
-    ASSERT_TRUE(storage.makeBeatGrid(120, 0.5, 480000, 48000, &error)) << error.localizedDescription();
+    ASSERT_TRUE(storage.makeBeatGrid(120, 0.5, 480000, 48000, &error))
+        << error.localizedDescription();
     const auto& beats = storage.beatEntries();
     // An eighth at 120 BPM is 0.25 s = 12000 frames; from 24000 to the last one before 480000.
     ASSERT_EQ(beats.size(), 38u);
@@ -476,8 +486,8 @@ TEST(VellNoteEntryStorageTest, BeatGridForBpmAndFirstBeat)
     // Fractional spacing rounds each beat from the first, without drift.
     VellNoteEntryStorage fractional;
     ASSERT_TRUE(fractional.makeBeatGrid(96, 0, 44100 * 60, 44100));
-    EXPECT_EQ(fractional.beatEntries()[3]->location(), 41344);       // 3 x 13781.25
-    EXPECT_EQ(fractional.beatEntries()[191]->location(), 2632219);   // 191 x 13781.25 = 2632218.75
+    EXPECT_EQ(fractional.beatEntries()[3]->location(), 41344);     // 3 x 13781.25
+    EXPECT_EQ(fractional.beatEntries()[191]->location(), 2632219); // 191 x 13781.25 = 2632218.75
     EXPECT_EQ(fractional.beatEntries().size(), 192u);
 }
 
@@ -490,11 +500,11 @@ TEST(VellNoteEntryStorageTest, BeatGridRefusesBadArgumentsAndChangesNothing)
         double rate;
         const char* mentions;
     } cases[] = {
-        {0, 0, 44100, 44100, "tempo"},      {-120, 0, 44100, 44100, "tempo"},
-        {NAN, 0, 44100, 44100, "tempo"},    {1e6, 0, 44100, 44100, "tempo"},
-        {120, -1, 44100, 44100, "first beat"}, {120, 1.0, 44100, 44100, "first beat"},
+        {0, 0, 44100, 44100, "tempo"},          {-120, 0, 44100, 44100, "tempo"},
+        {NAN, 0, 44100, 44100, "tempo"},        {1e6, 0, 44100, 44100, "tempo"},
+        {120, -1, 44100, 44100, "first beat"},  {120, 1.0, 44100, 44100, "first beat"},
         {120, NAN, 44100, 44100, "first beat"}, {120, 0, 0, 44100, "empty"},
-        {120, 0, 44100, 0, "sample rate"},  {120, 0, 44100, INFINITY, "sample rate"},
+        {120, 0, 44100, 0, "sample rate"},      {120, 0, 44100, INFINITY, "sample rate"},
         {1000, 0, 1LL << 50, 1, "more than"},
     };
     for (const auto& c : cases) {
@@ -593,14 +603,15 @@ TEST(VellNoteEntryStorageTest, HandlersMayEditTheStorage)
 {
     VellNoteEntryStorage storage;
     int calls = 0;
-    auto connection = storage.didChangeBeatEntriesSignal().connect([&](const VellNoteEntryStorageChange& change) {
-        ++calls;
-        // A handler that trims the list to at most two entries.
-        auto* s = change.object;
-        if (s->beatEntries().size() > 2) {
-            s->removeBeatEntry(s->beatEntries().back());
-        }
-    });
+    auto connection =
+        storage.didChangeBeatEntriesSignal().connect([&](const VellNoteEntryStorageChange& change) {
+            ++calls;
+            // A handler that trims the list to at most two entries.
+            auto* s = change.object;
+            if (s->beatEntries().size() > 2) {
+                s->removeBeatEntry(s->beatEntries().back());
+            }
+        });
     addBeats(storage, 4, 8);
     EXPECT_EQ(storage.beatEntries().size(), 2u);
     EXPECT_EQ(calls, 3);

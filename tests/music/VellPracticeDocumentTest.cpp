@@ -8,8 +8,8 @@
 
 #include <cmath>
 #include <fstream>
-#include <set>
 #include <random>
+#include <set>
 #include <string>
 
 using namespace vell;
@@ -101,8 +101,9 @@ void expectSameDocument(const VellPracticeDocument& a, const VellPracticeDocumen
     expectSameList(x.tempoEntries(), y.tempoEntries(), [](const auto& p, const auto& q) {
         return p.length() == q.length() && p.tempo() == q.tempo();
     });
-    expectSameList(x.timeSignatureEntries(), y.timeSignatureEntries(),
-                   [](const auto& p, const auto& q) { return p.timeSignature() == q.timeSignature(); });
+    expectSameList(
+        x.timeSignatureEntries(), y.timeSignatureEntries(),
+        [](const auto& p, const auto& q) { return p.timeSignature() == q.timeSignature(); });
     expectSameList(x.keyEntries(), y.keyEntries(),
                    [](const auto& p, const auto& q) { return p.tonicChord() == q.tonicChord(); });
     expectSameList(x.noteEntries(), y.noteEntries(), [](const auto& p, const auto& q) {
@@ -149,7 +150,8 @@ TEST(VellPracticeDocumentTest, RoundTripKeepsEverything)
     expectSameDocument(original, loaded);
     EXPECT_EQ(loaded.JSONData(), text); // stable
     EXPECT_FLOAT_EQ(loaded.noteEntryStorage()->tempoEntries()[1]->tempo(), 120.3f);
-    EXPECT_EQ(loaded.noteEntryStorage()->regionEntries()[0]->name(), "Verse \"1\" \xC3\xA9t\xC3\xA9");
+    EXPECT_EQ(loaded.noteEntryStorage()->regionEntries()[0]->name(),
+              "Verse \"1\" \xC3\xA9t\xC3\xA9");
 
     // Loaded entries have fresh, unique, non-zero ids.
     std::set<long long> ids;
@@ -165,16 +167,20 @@ TEST(VellPracticeDocumentTest, RoundTripKeepsEverything)
 TEST(VellPracticeDocumentTest, FormatIsVersionedAndReadable)
 {
     const std::string text = makeFullDocument().JSONData();
-    EXPECT_EQ(text.rfind("{\n  \"format\": \"vell-practice-document\",\n  \"version\": 1,\n", 0), 0u) << text.substr(0, 80);
+    EXPECT_EQ(text.rfind("{\n  \"format\": \"vell-practice-document\",\n  \"version\": 1,\n", 0),
+              0u)
+        << text.substr(0, 80);
     const json parsed = json::parse(text);
     EXPECT_EQ(parsed["sampleRate"], 48000);
     EXPECT_EQ(parsed["audioFile"], "song.m4a");
     EXPECT_EQ(parsed["beats"][0], (json{{"location", 12000}, {"downbeat", true}}));
     EXPECT_EQ(parsed["beats"][1], (json{{"location", 26400}}));
     EXPECT_EQ(parsed["tempos"][1]["tempo"], 120.3);
-    EXPECT_EQ(parsed["timeSignatures"][1], (json{{"location", 480000}, {"numerator", 6}, {"denominator", 8}}));
+    EXPECT_EQ(parsed["timeSignatures"][1],
+              (json{{"location", 480000}, {"numerator", 6}, {"denominator", 8}}));
     EXPECT_EQ(parsed["keys"][0]["tonic"], "F#m");
-    EXPECT_EQ(parsed["notes"][2], (json{{"location", 2000}, {"length", 502}, {"pitch", 62}, {"channel", 2}}));
+    EXPECT_EQ(parsed["notes"][2],
+              (json{{"location", 2000}, {"length", 502}, {"pitch", 62}, {"channel", 2}}));
     EXPECT_EQ(parsed["chords"][2]["chord"], "Bb/D");
     EXPECT_EQ(parsed["regions"][1]["name"], "chorus");
     EXPECT_EQ(parsed["markers"][1], (json{{"location", 22345}}));
@@ -184,7 +190,8 @@ TEST(VellPracticeDocumentTest, FormatIsVersionedAndReadable)
 
     // A minimal document: everything but the header is optional.
     VellPracticeDocument minimal;
-    ASSERT_TRUE(minimal.readFromJSONData(R"({"format":"vell-practice-document","version":1,"sampleRate":22050.5})"));
+    ASSERT_TRUE(minimal.readFromJSONData(
+        R"({"format":"vell-practice-document","version":1,"sampleRate":22050.5})"));
     EXPECT_EQ(minimal.sampleRate(), 22050.5);
     EXPECT_TRUE(minimal.noteEntryStorage()->isEmpty());
     EXPECT_EQ(minimal.settings(), json::object());
@@ -215,7 +222,8 @@ TEST(VellPracticeDocumentTest, EntriesTheReaderWouldRefuseAreNotWritten)
 
     VellPracticeDocument loaded;
     Error error;
-    ASSERT_TRUE(loaded.readFromJSONData(document.JSONData(), &error)) << error.localizedDescription();
+    ASSERT_TRUE(loaded.readFromJSONData(document.JSONData(), &error))
+        << error.localizedDescription();
     const auto& back = *loaded.noteEntryStorage();
     ASSERT_EQ(back.beatEntries().size(), 1u);
     EXPECT_EQ(back.beatEntries()[0]->location(), 0);
@@ -244,13 +252,16 @@ TEST(VellPracticeDocumentTest, MalformedDocumentsNameThePlaceAndChangeNothing)
          "format: expected \"vell-practice-document\", found \"midi\""},
         {"newer", R"({"format": "vell-practice-document", "version": 2, "sampleRate": 44100})",
          "version: 2 is newer than this program reads (1)"},
-        {"version text", R"({"format": "vell-practice-document", "version": "1", "sampleRate": 44100})",
+        {"version text",
+         R"({"format": "vell-practice-document", "version": "1", "sampleRate": 44100})",
          "version: expected an integer, found a string"},
         {"no rate", R"({"format": "vell-practice-document", "version": 1})", "sampleRate: missing"},
         {"zero rate", R"({"format": "vell-practice-document", "version": 1, "sampleRate": 0})",
          "sampleRate: 0 is outside"},
-        {"deep", std::string(R"({"format": "vell-practice-document", "version": 1, "sampleRate": 44100, "settings": )") +
-                     std::string(100, '[') + std::string(100, ']') + "}",
+        {"deep",
+         std::string(
+             R"({"format": "vell-practice-document", "version": 1, "sampleRate": 44100, "settings": )") +
+             std::string(100, '[') + std::string(100, ']') + "}",
          "nesting deeper than 64 levels"},
     };
     for (const auto& c : cases) {
@@ -265,7 +276,8 @@ TEST(VellPracticeDocumentTest, MalformedDocumentsNameThePlaceAndChangeNothing)
         Error error;
         EXPECT_FALSE(document.readFromJSONData(c.text, &error));
         EXPECT_EQ(error.domain(), kVellErrorDomain);
-        EXPECT_NE(error.localizedDescription().find(c.message), std::string::npos) << error.localizedDescription();
+        EXPECT_NE(error.localizedDescription().find(c.message), std::string::npos)
+            << error.localizedDescription();
         EXPECT_EQ(document.JSONData(), before);
         EXPECT_EQ(changes, 0);
         connection.disconnect();
@@ -282,19 +294,24 @@ TEST(VellPracticeDocumentTest, MalformedEntriesNameFieldAndIndex)
         {"/beats", json::object(), "beats: expected an array, found an object"},
         {"/beats/1", 7, "beats[1]: expected an object, found an integer"},
         {"/beats/3/location", "3000", "beats[3].location: expected an integer, found a string"},
-        {"/beats/3/location", 1.5, "beats[3].location: expected an integer, found a fractional number"},
-        {"/beats/3/location", 1e30, "beats[3].location: expected an integer, found a fractional number"},
+        {"/beats/3/location", 1.5,
+         "beats[3].location: expected an integer, found a fractional number"},
+        {"/beats/3/location", 1e30,
+         "beats[3].location: expected an integer, found a fractional number"},
         {"/beats/2/location", 500, "beats[2].location: 500 comes before the previous entry's 1000"},
         {"/beats/0/location", -5, "beats[0].location: must not be negative (found -5)"},
-        {"/beats/3/location", 9223372036854775808ull, "beats[3].location: 9223372036854775808 is above"},
+        {"/beats/3/location", 9223372036854775808ull,
+         "beats[3].location: 9223372036854775808 is above"},
         {"/beats/0/downbeat", "yes", "beats[0].downbeat: expected true or false, found a string"},
         {"/notes/0/length", -10, "notes[0].length: must not be negative (found -10)"},
         {"/notes/0/pitch", 128, "notes[0].pitch: 128 is above the largest allowed value 127"},
         {"/notes/0/channel", 16, "notes[0].channel: 16 is above"},
         {"/tempos/0/tempo", 0, "tempos[0].tempo: 0 BPM is outside"},
         {"/tempos/0/tempo", "fast", "tempos[0].tempo: expected a number, found a string"},
-        {"/timeSignatures/0/denominator", 3, "timeSignatures[0].denominator: 3 is not a power of two"},
-        {"/timeSignatures/0/numerator", 0, "timeSignatures[0].numerator: must be at least 1 (found 0)"},
+        {"/timeSignatures/0/denominator", 3,
+         "timeSignatures[0].denominator: 3 is not a power of two"},
+        {"/timeSignatures/0/numerator", 0,
+         "timeSignatures[0].numerator: must be at least 1 (found 0)"},
         {"/keys/0/tonic", "H", "keys[0].tonic: \"H\" is not a chord name"},
         {"/chords/0/chord", nullptr, "chords[0].chord: expected a string, found null"},
         {"/regions/0/name", 5, "regions[0].name: expected a string, found an integer"},
@@ -312,7 +329,8 @@ TEST(VellPracticeDocumentTest, MalformedEntriesNameFieldAndIndex)
         const std::string before = document.JSONData();
         Error error;
         EXPECT_FALSE(document.readFromJSONData(broken.dump(), &error));
-        EXPECT_NE(error.localizedDescription().find(c.message), std::string::npos) << error.localizedDescription();
+        EXPECT_NE(error.localizedDescription().find(c.message), std::string::npos)
+            << error.localizedDescription();
         EXPECT_EQ(document.JSONData(), before);
     }
 
@@ -338,7 +356,8 @@ TEST(VellPracticeDocumentTest, MalformedEntriesNameFieldAndIndex)
         VellPracticeDocument document;
         Error error;
         EXPECT_FALSE(document.readFromJSONData(broken.dump(), &error));
-        EXPECT_NE(error.localizedDescription().find(c.message), std::string::npos) << error.localizedDescription();
+        EXPECT_NE(error.localizedDescription().find(c.message), std::string::npos)
+            << error.localizedDescription();
         EXPECT_TRUE(document.noteEntryStorage()->isEmpty());
     }
 }
@@ -352,7 +371,8 @@ TEST(VellPracticeDocumentTest, ReloadingAnnouncesOnlyWhatChanged)
     int beatChanges = 0;
     int markerChanges = 0;
     auto beats = storage->didChangeBeatEntriesSignal().connect([&](const auto&) { ++beatChanges; });
-    auto markers = storage->didChangeMarkerEntriesSignal().connect([&](const auto&) { ++markerChanges; });
+    auto markers =
+        storage->didChangeMarkerEntriesSignal().connect([&](const auto&) { ++markerChanges; });
 
     ASSERT_TRUE(document.readFromJSONData(smallDocument().dump()));
     EXPECT_EQ(beatChanges + markerChanges, 0);
@@ -399,7 +419,8 @@ TEST(VellPracticeDocumentTest, RandomDamageNeverCrashesAndNeverHalfLoads)
             ++accepted;
             // Whatever was accepted writes out and reads back the same.
             VellPracticeDocument again;
-            ASSERT_TRUE(again.readFromJSONData(document.JSONData(), &error)) << error.localizedDescription();
+            ASSERT_TRUE(again.readFromJSONData(document.JSONData(), &error))
+                << error.localizedDescription();
             EXPECT_EQ(again.JSONData(), document.JSONData());
         } else {
             EXPECT_FALSE(error.localizedDescription().empty());
@@ -414,9 +435,11 @@ TEST(VellPracticeDocumentTest, FilesAndSetters)
     test::TemporaryDirectory directory;
     const VellPracticeDocument original = makeFullDocument();
     Error error;
-    ASSERT_TRUE(original.writeToFile(directory / "doc.json", &error)) << error.localizedDescription();
+    ASSERT_TRUE(original.writeToFile(directory / "doc.json", &error))
+        << error.localizedDescription();
     VellPracticeDocument loaded;
-    ASSERT_TRUE(loaded.readFromFile(directory / "doc.json", &error)) << error.localizedDescription();
+    ASSERT_TRUE(loaded.readFromFile(directory / "doc.json", &error))
+        << error.localizedDescription();
     expectSameDocument(original, loaded);
 
     EXPECT_FALSE(loaded.readFromFile(directory / "missing.json", &error));
@@ -436,10 +459,12 @@ TEST(VellPracticeDocumentTest, FilesAndSetters)
     EXPECT_EQ(loaded.sampleRate(), 48000);
 
     Error gridError;
-    const auto grid = VellPracticeDocument::documentWithBeatGrid(90, 1.0, 441000, 44100, &gridError);
+    const auto grid =
+        VellPracticeDocument::documentWithBeatGrid(90, 1.0, 441000, 44100, &gridError);
     ASSERT_TRUE(grid.has_value()) << gridError.localizedDescription();
     EXPECT_EQ(grid->sampleRate(), 44100);
     EXPECT_EQ(grid->noteEntryStorage()->beatEntries().front()->location(), 44100);
-    EXPECT_FALSE(VellPracticeDocument::documentWithBeatGrid(90, 20.0, 441000, 44100, &gridError).has_value());
+    EXPECT_FALSE(VellPracticeDocument::documentWithBeatGrid(90, 20.0, 441000, 44100, &gridError)
+                     .has_value());
     EXPECT_NE(gridError.localizedDescription().find("first beat"), std::string::npos);
 }

@@ -23,7 +23,8 @@ int runDemo(const Arguments& args)
     }
     const auto directory = args.value("--write");
     if (!directory) {
-        std::fprintf(stderr, "vell demo: nothing to do (playing is not available yet); %s\n", kAvailable);
+        std::fprintf(stderr, "vell demo: nothing to do (playing is not available yet); %s\n",
+                     kAvailable);
         return kExitUsage;
     }
 
@@ -33,16 +34,21 @@ int runDemo(const Arguments& args)
         return fail(error.localizedDescription());
     }
     const std::filesystem::path dir(*directory);
-    std::printf("wrote %s and %s: %.1f s, %.0f Hz stereo, 4/4 at %.0f BPM in A minor, lead on the left\n",
-                (dir / VellDemoSong::kAudioFileName).c_str(), (dir / VellDemoSong::kDocumentFileName).c_str(),
-                static_cast<double>(song.frameCount()) / song.sampleRate(), song.sampleRate(),
-                VellDemoSong::kTempo);
+    std::printf(
+        "wrote %s and %s: %.1f s, %.0f Hz stereo, 4/4 at %.0f BPM in A minor, lead on the left\n",
+        (dir / VellDemoSong::kAudioFileName).c_str(),
+        (dir / VellDemoSong::kDocumentFileName).c_str(),
+        static_cast<double>(song.frameCount()) / song.sampleRate(), song.sampleRate(),
+        VellDemoSong::kTempo);
     return kExitSuccess;
 }
 
 } // namespace
 
-VELL_COMMAND({"demo", "vell demo --write DIR", "write the built-in demo song and its practice document",
-              {"--write", "-o"}, runDemo});
+VELL_COMMAND({"demo",
+              "vell demo --write DIR",
+              "write the built-in demo song and its practice document",
+              {"--write", "-o"},
+              runDemo});
 
 } // namespace vell::tool
