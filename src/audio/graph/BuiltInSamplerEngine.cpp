@@ -19,9 +19,9 @@ public:
     bool isBuiltIn() const noexcept override { return true; }
 
     VELL_RT void render(float* left, float* right, std::uint32_t frames) noexcept override;
-    VELL_RT void startNote(std::uint32_t noteId, int channel, int key, int velocity,
-                           float cents) noexcept override;
-    VELL_RT void stopNote(std::uint32_t noteId) noexcept override;
+    VELL_RT std::uint32_t startNote(int channel, int key, int velocity,
+                                    float cents) noexcept override;
+    VELL_RT void stopNote(std::uint32_t handle) noexcept override;
     VELL_RT void noteOff(int channel, int key) noexcept override;
     VELL_RT void midiMessage(std::uint8_t status, std::uint8_t data1,
                              std::uint8_t data2) noexcept override;
@@ -53,6 +53,7 @@ private:
     float mRelease;   // per-frame factor once released
     std::array<Voice, kVoices> mVoices{};
     std::uint32_t mClock = 0;
+    std::uint32_t mLastId = 0;
 };
 
 BuiltInSamplerEngine::BuiltInSamplerEngine(double sampleRate, float gain)
@@ -116,16 +117,16 @@ void BuiltInSamplerEngine::render(float* left, float* right, std::uint32_t frame
     }
 }
 
-void BuiltInSamplerEngine::startNote(std::uint32_t noteId, int channel, int key, int velocity,
-                                     float cents) noexcept
+std::uint32_t BuiltInSamplerEngine::startNote(int channel, int key, int velocity,
+                                              float cents) noexcept
 {
     if (velocity < 1) {
-        return;
+        return 0;
     }
     Voice& voice = freeVoice();
     voice = Voice{};
     voice.active = true;
-    voice.id = noteId;
+    voice.id = ++mLastId == 0 ? ++mLastId : mLastId;
     voice.channel = channel;
     voice.key = key;
     const double frequency = 440.0 * std::pow(2.0, (double(key) + cents / 100.0 - 69.0) / 12.0);
@@ -134,12 +135,13 @@ void BuiltInSamplerEngine::startNote(std::uint32_t noteId, int channel, int key,
     voice.envelope = 1.0f;
     voice.age = 0;
     voice.started = ++mClock;
+    return voice.id;
 }
 
-void BuiltInSamplerEngine::stopNote(std::uint32_t noteId) noexcept
+void BuiltInSamplerEngine::stopNote(std::uint32_t handle) noexcept
 {
     for (Voice& voice : mVoices) {
-        if (voice.active && voice.id == noteId) {
+        if (voice.active && voice.id == handle) {
             release(voice);
         }
     }

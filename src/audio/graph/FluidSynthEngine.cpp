@@ -9,9 +9,10 @@
 //
 // Real-time use: the synth is made with its thread-safe API off (no mutex; only the render
 // thread calls it once it is published), a fixed polyphony (voices preallocated), no reverb or
-// chorus, one rendering core (no threads), and no minimum note length. Notes start through
-// fluid_synth_start with our own ids, and a fractional pitch or centred pan is applied to the
-// voices of that id (fine tune and pan generators), which allocates nothing.
+// chorus, one rendering core (no threads), and no minimum note length. Notes start with
+// fluid_synth_noteon (fluid_synth_start would read a setting under the settings mutex); the
+// new note's voices are found by their id, and a fractional pitch or centred pan is applied to
+// them through the fine tune and pan generators, which allocates nothing.
 //
 // Above about 65 kHz the SoundFont's shortest envelope delay (-12000 timecents, about 1 ms)
 // spans a whole block, so notes there sound one block (64 frames) after their offset; the
@@ -51,9 +52,9 @@ public:
 
     VELL_RT void render(float* left, float* right, std::uint32_t frames) noexcept override;
     VELL_RT void beginEvents() noexcept override;
-    VELL_RT void startNote(std::uint32_t noteId, int channel, int key, int velocity,
-                           float cents) noexcept override;
-    VELL_RT void stopNote(std::uint32_t noteId) noexcept override;
+    VELL_RT std::uint32_t startNote(int channel, int key, int velocity,
+                                    float cents) noexcept override;
+    VELL_RT void stopNote(std::uint32_t handle) noexcept override;
     VELL_RT void noteOff(int channel, int key) noexcept override;
     VELL_RT void midiMessage(std::uint8_t status, std::uint8_t data1,
                              std::uint8_t data2) noexcept override;
@@ -163,43 +164,60 @@ void FluidSynthEngine::beginEvents() noexcept
     mFadePosition = 0;
 }
 
-void FluidSynthEngine::startNote(std::uint32_t noteId, int channel, int key, int velocity,
-                                 float cents) noexcept
+std::uint32_t FluidSynthEngine::startNote(int channel, int key, int velocity,
+                                          float cents) noexcept
 {
-    fluid_preset_t* preset = fluid_synth_get_channel_preset(mSynth, channel);
-    if (!preset || velocity < 1) {
-        return;
+    if (velocity < 1 || fluid_synth_noteon(mSynth, channel, key, std::min(velocity, 127)) !=
+                            FLUID_OK) {
+        return 0;
     }
-    const unsigned int id = noteId;
-    if (fluid_synth_start(mSynth, id, preset, 0, channel, key, std::min(velocity, 127)) !=
-        FLUID_OK) {
-        return;
-    }
-    if (cents == 0.0f && !mCenterPan) {
-        return;
-    }
-    fluid_synth_get_voicelist(mSynth, mVoices.data(), int(mVoices.size()), int(id));
+    // The voices of this note carry the newest id among the sounding voices of its key.
+    fluid_synth_get_voicelist(mSynth, mVoices.data(), int(mVoices.size()), -1);
+    std::uint32_t id = 0;
+    bool found = false;
     for (fluid_voice_t* voice : mVoices) {
         if (!voice) {
             break;
         }
-        if (cents != 0.0f) {
-            fluid_voice_gen_incr(voice, GEN_FINETUNE, cents);
-            fluid_voice_update_param(voice, GEN_FINETUNE);
-        }
-        if (mCenterPan) {
-            fluid_voice_gen_set(voice, GEN_PAN, 0.0f);
-            fluid_voice_update_param(voice, GEN_PAN);
+        if (fluid_voice_get_channel(voice) == channel && fluid_voice_get_key(voice) == key &&
+            fluid_voice_is_on(voice) && (!found || fluid_voice_get_id(voice) > id)) {
+            id = fluid_voice_get_id(voice);
+            found = true;
         }
     }
-    // Voice updates made outside the synth's own calls wait in its event queue until the next
-    // call returns; this one commits them, so they reach the voice's first block.
-    fluid_synth_get_active_voice_count(mSynth);
+    if (!found) {
+        return 0;
+    }
+    if (cents != 0.0f || mCenterPan) {
+        for (fluid_voice_t* voice : mVoices) {
+            if (!voice) {
+                break;
+            }
+            if (fluid_voice_get_id(voice) != id) {
+                continue;
+            }
+            if (cents != 0.0f) {
+                fluid_voice_gen_incr(voice, GEN_FINETUNE, cents);
+                fluid_voice_update_param(voice, GEN_FINETUNE);
+            }
+            if (mCenterPan) {
+                fluid_voice_gen_set(voice, GEN_PAN, 0.0f);
+                fluid_voice_update_param(voice, GEN_PAN);
+            }
+        }
+        // Voice updates made outside the synth's own calls wait in its event queue until the
+        // next call returns; this one commits them, so they reach the voice's first block.
+        fluid_synth_get_active_voice_count(mSynth);
+    }
+    // Handles are never 0; FluidSynth's ids start at 0.
+    return id + 1;
 }
 
-void FluidSynthEngine::stopNote(std::uint32_t noteId) noexcept
+void FluidSynthEngine::stopNote(std::uint32_t handle) noexcept
 {
-    fluid_synth_stop(mSynth, noteId);
+    if (handle != 0) {
+        fluid_synth_stop(mSynth, handle - 1);
+    }
 }
 
 void FluidSynthEngine::noteOff(int channel, int key) noexcept

@@ -26,12 +26,12 @@ public:
     /// Thread: render.
     VELL_RT virtual void beginEvents() noexcept {}
 
-    /// Starts a note named noteId (unique, never 0) on a channel; cents are added to the key's
-    /// pitch (-50 to 50). Thread: render.
-    VELL_RT virtual void startNote(std::uint32_t noteId, int channel, int key, int velocity,
-                                   float cents) noexcept = 0;
-    /// Releases the note startNote started with this id. Thread: render.
-    VELL_RT virtual void stopNote(std::uint32_t noteId) noexcept = 0;
+    /// Starts a note on a channel; cents are added to the key's pitch (-50 to 50). Answers the
+    /// note's handle for stopNote, or 0 when nothing started. Thread: render.
+    VELL_RT virtual std::uint32_t startNote(int channel, int key, int velocity,
+                                            float cents) noexcept = 0;
+    /// Releases the note startNote answered this handle for. Thread: render.
+    VELL_RT virtual void stopNote(std::uint32_t handle) noexcept = 0;
     /// Releases every note of this key on this channel (a MIDI note off). Thread: render.
     VELL_RT virtual void noteOff(int channel, int key) noexcept = 0;
     /// A MIDI message other than note on and off. Thread: render.

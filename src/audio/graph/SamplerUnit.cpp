@@ -316,13 +316,6 @@ OSStatus SamplerUnit::midiEvent(UInt32 status, UInt32 data1, UInt32 data2, UInt3
     return post(event);
 }
 
-std::uint32_t SamplerUnit::nextNoteId() noexcept
-{
-    // FluidSynth takes ids as non-negative ints.
-    mLastNoteId = mLastNoteId >= 0x7FFFFFFFu ? 1 : mLastNoteId + 1;
-    return mLastNoteId;
-}
-
 void SamplerUnit::apply(const Event& event) noexcept
 {
     switch (event.kind) {
@@ -334,8 +327,10 @@ void SamplerUnit::apply(const Event& event) noexcept
         if (velocity == 0) {
             return;
         }
-        const std::uint32_t noteId = nextNoteId();
-        mEngine->startNote(noteId, event.channel, key, velocity, cents);
+        const std::uint32_t noteId = mEngine->startNote(event.channel, key, velocity, cents);
+        if (noteId == 0) {
+            return;
+        }
         NoteSlot* slot = nullptr;
         for (NoteSlot& candidate : mNotes) {
             if (!candidate.used) {
@@ -364,7 +359,7 @@ void SamplerUnit::apply(const Event& event) noexcept
         const int channel = event.channel & 0x0F;
         const int kind = event.channel & 0xF0;
         if (kind == 0x90 && event.data2 > 0) {
-            mEngine->startNote(nextNoteId(), channel, event.data1, event.data2, 0.0f);
+            mEngine->startNote(channel, event.data1, event.data2, 0.0f);
         } else if (kind == 0x80 || kind == 0x90) {
             mEngine->noteOff(channel, event.data1);
         } else {

@@ -86,7 +86,6 @@ private:
     /// Thread: render.
     VELL_RT void adoptPendingEngine() noexcept;
     VELL_RT void apply(const Event& event) noexcept;
-    VELL_RT std::uint32_t nextNoteId() noexcept;
 
     SamplerPreset mPreset;
     std::string mPresetDocument = "{}";
@@ -108,7 +107,6 @@ private:
     std::size_t mEventCount = 0;
     std::array<NoteSlot, kMaxNotes> mNotes{};
     std::size_t mEvictCursor = 0;
-    std::uint32_t mLastNoteId = 0;
     std::vector<float> mLeft;
     std::vector<float> mRight;
 
