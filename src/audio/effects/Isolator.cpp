@@ -16,6 +16,18 @@ Isolator::Isolator(int sampleRate, int channels, int blockSize)
     mSilentChannels.assign(static_cast<std::size_t>(channels), mSilence.data());
 }
 
+void Isolator::copySettingsFrom(const TessalyInstance* instance) noexcept
+{
+    if (instance == nullptr)
+        return;
+    setStartFrequencyHz(TessalyGetStartFrequencyHz(instance));
+    setEndFrequencyHz(TessalyGetEndFrequencyHz(instance));
+    setMute(TessalyGetMute(instance));
+    setPan(TessalyPan(instance));
+    setPanWidth(TessalyPanWidth(instance));
+    bypass = TessalyGetBypass(instance);
+}
+
 VELL_RT void Isolator::reset() noexcept
 {
     mEngine.reset();

@@ -4,6 +4,8 @@
 #include "audio/effects/SpectralProcessor.h"
 #include "isolation/IsolationEngine.h"
 
+#include <VellAudio/TessalyCore.h>
+
 #include <vector>
 
 namespace vell::BRIXEffect {
@@ -30,6 +32,10 @@ public:
     void setPan(float pan) noexcept { mEngine.setPan(pan); }
     float panWidth() const noexcept { return mEngine.panWidth(); }
     void setPanWidth(float width) noexcept { mEngine.setPanWidth(width); }
+
+    /// Copies start and end frequency, mute, pan, pan width and then bypass from an engine
+    /// instance (as the freezer does with the playback engine's settings). Thread: control.
+    void copySettingsFrom(const TessalyInstance* instance) noexcept;
 
     int blockSize() const noexcept { return mBlockSize; }
     int latency() const noexcept { return IsolationEngine::kLatency; }
