@@ -6,7 +6,9 @@
 #include "audio/graph/SamplerUnit.h"
 #include "TestSupport.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -405,6 +407,56 @@ TEST(SamplerUnitTest, MonoOutputCarriesTheSound)
     const Channels out = graph.render(4096, 512, {{TimedEvent::Start, 50, 76, 120}});
     expectOnset(out[0], 50, 44100);
     EXPECT_GT(peak(out[0]), 0.05f);
+}
+
+} // namespace
+} // namespace vell::test
+
+namespace vell::test {
+namespace {
+
+TEST(SamplerUnitTest, PresetChangesWhileRenderingTakeEffectAtTheNextSlice)
+{
+    SamplerGraph graph(44100);
+    ASSERT_EQ(graph.loadPreset(resourcePath("Guitar.aupreset")), noErr);
+    // Render a while, then switch to the kit: the next notes play drums.
+    graph.render(4096, 512, {{TimedEvent::Start, 0, 40, 100, 1}});
+    ASSERT_EQ(graph.loadPreset(resourcePath("Metronome.aupreset")), noErr);
+    EXPECT_EQ(graph.unit().preset().bank, 128);
+    const Channels kit = graph.render(8192, 512, {{TimedEvent::Start, 0, 76, 120, 2}});
+    // A wood block is short: loud at first, silent within a tenth of a second.
+    EXPECT_GT(peak(kit[0]), 0.05f);
+    EXPECT_LT(rms(kit[0], 6000, 8192), 1e-4);
+    // Loading the same preset again changes nothing and is not an error.
+    EXPECT_EQ(graph.loadPreset(resourcePath("Metronome.aupreset")), noErr);
+}
+
+TEST(SamplerUnitTest, EventsFromAnotherThreadReachTheRenderThread)
+{
+    SamplerGraph graph(44100);
+    ASSERT_EQ(graph.loadPreset(resourcePath("Guitar.aupreset")), noErr);
+    std::atomic<bool> done{false};
+    std::atomic<int> sent{0};
+    std::thread sender([&] {
+        for (int i = 0; i < 400; ++i) {
+            MusicDeviceMIDIEvent(graph.sampler, 0x90, 40 + i % 24, 100, 0);
+            MusicDeviceMIDIEvent(graph.sampler, 0x80, 40 + i % 24, 127, 32);
+            sent.fetch_add(2);
+            std::this_thread::yield();
+        }
+        done.store(true);
+    });
+    float loudest = 0;
+    int slices = 0;
+    while (!done.load() || slices < 50) {
+        const Channels out = pull(graph.output, 2, 64, 64);
+        loudest = std::max(loudest, peak(out[0]));
+        ++slices;
+    }
+    sender.join();
+    EXPECT_EQ(sent.load(), 800);
+    EXPECT_EQ(graph.unit().droppedEvents(), 0u);
+    EXPECT_GT(loudest, 0.01f);
 }
 
 } // namespace

@@ -517,9 +517,17 @@ OSStatus DefaultOutputUnit::openStream()
         mDevice == kAudioDeviceUnknown ? hardware.defaultOutputDeviceID() : mDevice;
     const AudioStreamBasicDescription& input = mInputFormats[0];
     Error error;
+    const UInt32 framesPerBuffer = std::min(kDeviceFramesPerBuffer, mMaxFrames);
     mStream = hardware.openOutputStream(device, input.mSampleRate, input.mChannelsPerFrame,
-                                        std::min(kDeviceFramesPerBuffer, mMaxFrames),
-                                        &DefaultOutputUnit::deviceRender, this, &error);
+                                        framesPerBuffer, &DefaultOutputUnit::deviceRender, this,
+                                        &error);
+    if (!mStream && mDevice == kAudioDeviceUnknown && device != kNullAudioDeviceID) {
+        // The default device would not open (a sound server gone away): keep time on the null
+        // device rather than fail, as a machine without sound does.
+        mStream = hardware.openOutputStream(kNullAudioDeviceID, input.mSampleRate,
+                                            input.mChannelsPerFrame, framesPerBuffer,
+                                            &DefaultOutputUnit::deviceRender, this, &error);
+    }
     if (!mStream) {
         return kAudioUnitErr_FailedInitialization;
     }
