@@ -83,8 +83,8 @@ uint32_t TessalyGetSpectrumLength(const TessalyInstance* instance);
 
 /* Copies the newest magnitude spectrum of the output (what the selection lets through; the
  * input while bypassed) of the left and right channel into spectra[0] and spectra[1]. Values
- * are unnormalised FFT magnitudes of the Hann-windowed frame: a full-scale sine reads about
- * 1300 (+62 dB). Writes min(length, spectrum length) values to each buffer and zeroes the rest
+ * are unnormalised FFT magnitudes of the newest 4096-sample frame under a square-root Hann
+ * window: a full-scale sine reads about 1300 (+62 dB). Writes min(length, spectrum length) values to each buffer and zeroes the rest
  * up to length; a mono engine gives both buffers the same. Does nothing for a negative length.
  * Thread: any but render. */
 void TessalyGetIsolatedSpectrum(TessalyInstance* instance, float* const* spectra, int32_t length);
