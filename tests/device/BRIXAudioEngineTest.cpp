@@ -66,8 +66,8 @@ protected:
     {
         ASSERT_TRUE(engine.setDeviceID(kNullAudioDeviceID));
         ASSERT_TRUE(engine.attachNode(player));
-        ASSERT_TRUE(
-            engine.connect(player, engine.mainMixerNode(), makeFloatNonInterleavedFormat(44100, 2)));
+        ASSERT_TRUE(engine.connect(player, engine.mainMixerNode(),
+                                   makeFloatNonInterleavedFormat(44100, 2)));
     }
 
     std::shared_ptr<BRIXAudioPlayerNode> player = std::make_shared<BRIXAudioPlayerNode>();
@@ -78,8 +78,8 @@ TEST_F(BRIXAudioEngineTest, MixesItsNodesAndAppliesTheOutputVolume)
 {
     auto second = std::make_shared<BRIXAudioPlayerNode>();
     ASSERT_TRUE(engine.attachNode(second));
-    ASSERT_TRUE(engine.connect(second, engine.mainMixerNode(),
-                               makeFloatNonInterleavedFormat(44100, 1)));
+    ASSERT_TRUE(
+        engine.connect(second, engine.mainMixerNode(), makeFloatNonInterleavedFormat(44100, 1)));
     EXPECT_EQ(engine.outputFormat().mChannelsPerFrame, 2u);
     EXPECT_EQ(engine.outputFormat().mSampleRate, 44100.0);
 
@@ -103,11 +103,11 @@ TEST_F(BRIXAudioEngineTest, MixesItsNodesAndAppliesTheOutputVolume)
 TEST_F(BRIXAudioEngineTest, RefusesConnectionsItCannotServe)
 {
     auto stranger = std::make_shared<BRIXAudioPlayerNode>();
-    EXPECT_FALSE(engine.connect(stranger, engine.mainMixerNode(),
-                                makeFloatNonInterleavedFormat(44100, 2)));
+    EXPECT_FALSE(
+        engine.connect(stranger, engine.mainMixerNode(), makeFloatNonInterleavedFormat(44100, 2)));
     EXPECT_FALSE(engine.connect(player, engine.mainMixerNode(), AudioStreamBasicDescription{}));
-    EXPECT_FALSE(engine.connect(player, engine.mainMixerNode(),
-                                makeFloatNonInterleavedFormat(48000, 2)));
+    EXPECT_FALSE(
+        engine.connect(player, engine.mainMixerNode(), makeFloatNonInterleavedFormat(48000, 2)));
     EXPECT_FALSE(engine.attachNode(player)) << "already attached";
     EXPECT_FALSE(engine.attachNode(nullptr));
 }

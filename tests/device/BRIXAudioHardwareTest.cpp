@@ -98,14 +98,14 @@ TEST_F(BRIXAudioHardwareTest, RefusesUnknownDevicesAndUnusableStreamsNamingThePr
 {
     SineSource source;
     Error error;
-    EXPECT_FALSE(hardware.openOutputStream(4242, 44100, 2, 512, &SineSource::render, &source,
-                                           &error));
+    EXPECT_FALSE(
+        hardware.openOutputStream(4242, 44100, 2, 512, &SineSource::render, &source, &error));
     EXPECT_NE(error.localizedFailureReason().value_or("").find("#4242"), std::string::npos)
         << error.description();
 
     for (const auto& [rate, channels, frames] :
-         {std::tuple{44100.0, 0u, 512u}, std::tuple{44100.0, 9u, 512u},
-          std::tuple{0.0, 2u, 512u}, std::tuple{44100.0, 2u, 0u}}) {
+         {std::tuple{44100.0, 0u, 512u}, std::tuple{44100.0, 9u, 512u}, std::tuple{0.0, 2u, 512u},
+          std::tuple{44100.0, 2u, 0u}}) {
         error = Error();
         EXPECT_FALSE(hardware.openOutputStream(kNullAudioDeviceID, rate, channels, frames,
                                                &SineSource::render, &source, &error));
@@ -115,23 +115,23 @@ TEST_F(BRIXAudioHardwareTest, RefusesUnknownDevicesAndUnusableStreamsNamingThePr
     EXPECT_FALSE(
         hardware.openOutputStream(kNullAudioDeviceID, 44100, 2, 512, nullptr, &source, &error));
     EXPECT_FALSE(error.domain().empty());
-    EXPECT_FALSE(hardware.openOutputStream(kAudioDeviceUnknown, 44100, 2, 512,
-                                           &SineSource::render, &source));
+    EXPECT_FALSE(hardware.openOutputStream(kAudioDeviceUnknown, 44100, 2, 512, &SineSource::render,
+                                           &source));
 }
 
 TEST_F(BRIXAudioHardwareTest, TheNullDeviceRunsAtItsSetRateAndStreamsResampleToIt)
 {
     SineSource source;
-    auto plain = hardware.openOutputStream(kNullAudioDeviceID, 44100, 2, 512,
-                                           &SineSource::render, &source);
+    auto plain =
+        hardware.openOutputStream(kNullAudioDeviceID, 44100, 2, 512, &SineSource::render, &source);
     ASSERT_TRUE(plain);
     EXPECT_EQ(plain->streamLatencyFrames(), 0u);
     EXPECT_EQ(dynamic_cast<detail::NullOutputStream&>(*plain).deviceSampleRate(), 44100.0);
 
     hardware.setNullDeviceSampleRate(48000);
     EXPECT_EQ(hardware.deviceInfo(kNullAudioDeviceID)->defaultSampleRate, 48000.0);
-    auto resampled = hardware.openOutputStream(kNullAudioDeviceID, 44100, 2, 512,
-                                               &SineSource::render, &source);
+    auto resampled =
+        hardware.openOutputStream(kNullAudioDeviceID, 44100, 2, 512, &SineSource::render, &source);
     ASSERT_TRUE(resampled);
     EXPECT_EQ(resampled->sampleRate(), 44100.0);
     EXPECT_EQ(dynamic_cast<detail::NullOutputStream&>(*resampled).deviceSampleRate(), 48000.0);

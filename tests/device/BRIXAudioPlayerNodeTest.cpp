@@ -76,8 +76,8 @@ TEST(BRIXAudioPlayerNodeTest, MapsChannelsAndAppliesItsVolume)
 {
     BRIXAudioPlayerNode node;
     node.setVolume(0.5f);
-    ASSERT_TRUE(node.scheduleBuffer(filledBuffer(2, 8, 8, 1)));  // channels 1 and 11
-    ASSERT_TRUE(node.scheduleBuffer(filledBuffer(3, 8, 8, 2)));  // 2, 12, 22: the third is dropped
+    ASSERT_TRUE(node.scheduleBuffer(filledBuffer(2, 8, 8, 1))); // channels 1 and 11
+    ASSERT_TRUE(node.scheduleBuffer(filledBuffer(3, 8, 8, 2))); // 2, 12, 22: the third is dropped
     node.play();
     Output out;
     out.render(node, 16);
@@ -158,8 +158,9 @@ TEST(BRIXAudioPlayerNodeTest, RenderingAllocatesFreesAndLocksNothing)
     for (int i = 0; i < 6; ++i) {
         // The handler owns heap state: it must neither run nor die on the render thread.
         auto owned = std::make_shared<std::vector<int>>(100, i);
-        ASSERT_TRUE(node.scheduleBuffer(filledBuffer(2, 300, 300, 1),
-                                        [&completions, owned] { completions += owned->at(0) >= 0; }));
+        ASSERT_TRUE(node.scheduleBuffer(filledBuffer(2, 300, 300, 1), [&completions, owned] {
+            completions += owned->at(0) >= 0;
+        }));
     }
     node.play();
     std::vector<float> left(512), right(512);

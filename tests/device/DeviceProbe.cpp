@@ -70,8 +70,8 @@ int list()
 {
     for (const AudioDeviceInfo& device : BRIXAudioHardware::shared().outputDevices()) {
         std::printf("%s%u\t%s\t%s\t%u\t%g\n", device.isDefaultOutput ? "*" : " ", device.id,
-                    device.name.c_str(), transportName(device.transportType),
-                    device.outputChannels, device.defaultSampleRate);
+                    device.name.c_str(), transportName(device.transportType), device.outputChannels,
+                    device.defaultSampleRate);
     }
     return 0;
 }
@@ -153,9 +153,8 @@ int watchDefault(int argc, char** argv)
         return 1;
     }
     queue.runUntil([&] { return calls.load() > 0; },
-                   queue.now() +
-                       std::chrono::duration_cast<MainQueue::Clock::duration>(
-                           std::chrono::duration<double>(seconds)));
+                   queue.now() + std::chrono::duration_cast<MainQueue::Clock::duration>(
+                                     std::chrono::duration<double>(seconds)));
     if (calls.load() == 0) {
         std::printf("default output unchanged\n");
         return 1;

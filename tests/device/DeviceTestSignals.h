@@ -55,8 +55,8 @@ inline double zeroCrossingFrequency(const std::vector<float>& samples, double sa
     int crossings = 0;
     for (std::size_t i = 1; i < samples.size(); ++i) {
         if (samples[i - 1] < 0 && samples[i] >= 0) {
-            const double at = static_cast<double>(i - 1) +
-                              samples[i - 1] / (samples[i - 1] - samples[i]);
+            const double at =
+                static_cast<double>(i - 1) + samples[i - 1] / (samples[i - 1] - samples[i]);
             if (first < 0) {
                 first = at;
             } else {

@@ -21,8 +21,8 @@ std::unique_ptr<NullOutputStream> openNull(SineSource& source, double rate, doub
                                            std::uint32_t frames = 256)
 {
     Error error;
-    auto stream = NullOutputStream::open(rate, deviceRate, 2, frames, &SineSource::render,
-                                         &source, &error);
+    auto stream =
+        NullOutputStream::open(rate, deviceRate, 2, frames, &SineSource::render, &source, &error);
     EXPECT_TRUE(stream) << error.description();
     return stream;
 }

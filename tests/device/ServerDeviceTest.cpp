@@ -103,8 +103,9 @@ TEST_F(ServerDeviceTest, ASineThroughTheDefaultOutputReachesTheSinkAcrossRestart
     const std::string sine = shellQuoted(probe) + " sine --frequency 1000 --rate 44100";
     int status = -1;
     const std::string output =
-        underServer("sh -c " + shellQuoted(sine + " --seconds 1.5 --pause-after 0.75 && sleep 0.4 "
-                                                  "&& VELL_AUDIO_DEVICE_RATE=48000 " +
+        underServer("sh -c " + shellQuoted(sine +
+                                           " --seconds 1.5 --pause-after 0.75 && sleep 0.4 "
+                                           "&& VELL_AUDIO_DEVICE_RATE=48000 " +
                                            sine + " --seconds 0.75"),
                     &status, capture);
     if (status == kSkipped) {
@@ -164,16 +165,15 @@ TEST_F(ServerDeviceTest, ChangingTheDefaultSinkCallsTheListenerOnTheMainQueue)
                                "sink_properties=device.description=Second >/dev/null && "
                                "pactl set-default-sink second";
     int status = -1;
-    const std::string output =
-        underServer("sh -c " + shellQuoted(shellQuoted(probe) + " list && " + shellQuoted(probe) +
-                                      " watch-default --seconds 5 --command " + shellQuoted(change)),
-                    &status);
+    const std::string output = underServer(
+        "sh -c " + shellQuoted(shellQuoted(probe) + " list && " + shellQuoted(probe) +
+                               " watch-default --seconds 5 --command " + shellQuoted(change)),
+        &status);
     if (status == kSkipped) {
         GTEST_SKIP() << "no sound server could be started here: " << output;
     }
     EXPECT_EQ(status, 0) << output;
-    EXPECT_NE(output.find("default output changed on the main queue"), std::string::npos)
-        << output;
+    EXPECT_NE(output.find("default output changed on the main queue"), std::string::npos) << output;
     // The server's default device is listed as the default output, its transport taken from
     // the null sink (a virtual one), with the null device last.
     std::istringstream lines(output);

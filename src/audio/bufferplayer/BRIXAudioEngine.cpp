@@ -114,8 +114,7 @@ bool BRIXAudioEngine::detachNode(const std::shared_ptr<BRIXAudioPlayerNode>& nod
 }
 
 bool BRIXAudioEngine::connect(const std::shared_ptr<BRIXAudioPlayerNode>& node,
-                              BRIXAudioMixerNode& mixer,
-                              const AudioStreamBasicDescription& format)
+                              BRIXAudioMixerNode& mixer, const AudioStreamBasicDescription& format)
 {
     if (&mixer != &mMainMixer || !(format.mSampleRate > 0) || format.mChannelsPerFrame == 0) {
         return false;
@@ -129,10 +128,9 @@ bool BRIXAudioEngine::connect(const std::shared_ptr<BRIXAudioPlayerNode>& node,
     if (mFormatSet && format.mSampleRate != mFormat.mSampleRate) {
         return false;
     }
-    const std::uint32_t channels =
-        std::min(kMaximumChannels, mFormatSet ? std::max(mFormat.mChannelsPerFrame,
-                                                         format.mChannelsPerFrame)
-                                              : format.mChannelsPerFrame);
+    const std::uint32_t channels = std::min(
+        kMaximumChannels, mFormatSet ? std::max(mFormat.mChannelsPerFrame, format.mChannelsPerFrame)
+                                     : format.mChannelsPerFrame);
     const AudioStreamBasicDescription output =
         makeFloatNonInterleavedFormat(format.mSampleRate, channels);
     mFormatSet = true;
@@ -206,9 +204,9 @@ bool BRIXAudioEngine::isRunning() const
 bool BRIXAudioEngine::setDeviceID(AudioDeviceID device, Error* outError)
 {
     if (device != kNullAudioDeviceID && !BRIXAudioHardware::shared().deviceInfo(device)) {
-        assignError(outError, makeUserError("The audio output device is not available.",
-                                            vell::format("There is no audio output device #%u.",
-                                                         device)));
+        assignError(outError,
+                    makeUserError("The audio output device is not available.",
+                                  vell::format("There is no audio output device #%u.", device)));
         return false;
     }
     if (device == mDevice) {
@@ -260,9 +258,8 @@ VELL_RT void BRIXAudioEngine::render(float* const* channels, std::uint32_t chann
     }
 }
 
-void BRIXAudioEngine::renderProc(void* context, float* const* channels,
-                                 std::uint32_t channelCount, std::uint32_t frameCount,
-                                 const AudioTimeStamp&) noexcept
+void BRIXAudioEngine::renderProc(void* context, float* const* channels, std::uint32_t channelCount,
+                                 std::uint32_t frameCount, const AudioTimeStamp&) noexcept
 {
     static_cast<BRIXAudioEngine*>(context)->render(channels, channelCount, frameCount);
 }

@@ -6,8 +6,8 @@
 #include "support/Log.h"
 
 #include <algorithm>
-#include <exception>
 #include <cmath>
+#include <exception>
 #include <thread>
 
 namespace vell {

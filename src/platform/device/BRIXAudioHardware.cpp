@@ -307,8 +307,8 @@ BRIXAudioHardware::addDefaultOutputDeviceListener(std::function<void()> listener
     {
         std::lock_guard lock(impl->listenersMutex);
         id = impl->nextListener++;
-        impl->listeners.emplace(id, std::make_shared<const std::function<void()>>(
-                                        std::move(listener)));
+        impl->listeners.emplace(id,
+                                std::make_shared<const std::function<void()>>(std::move(listener)));
     }
     return ListenerToken(static_cast<void*>(impl), [impl, id](void*) {
         std::lock_guard lock(impl->listenersMutex);

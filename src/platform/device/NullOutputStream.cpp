@@ -32,11 +32,11 @@ std::unique_ptr<NullOutputStream> NullOutputStream::open(double sampleRate, doub
         return nullptr;
     }
     // One cycle is one stream buffer's worth of device time (as a real device would ask).
-    stream->mDeviceFrames =
-        rate == sampleRate
-            ? framesPerBuffer
-            : std::min(stream->mRenderer.maximumDeviceFrames(),
-                       static_cast<std::uint32_t>(std::lround(framesPerBuffer * rate / sampleRate)));
+    stream->mDeviceFrames = rate == sampleRate
+                                ? framesPerBuffer
+                                : std::min(stream->mRenderer.maximumDeviceFrames(),
+                                           static_cast<std::uint32_t>(
+                                               std::lround(framesPerBuffer * rate / sampleRate)));
     stream->mScratch.assign(static_cast<std::size_t>(stream->mDeviceFrames) * channelCount, 0.0f);
     for (std::uint32_t c = 0; c < channelCount; ++c) {
         stream->mChannels.push_back(stream->mScratch.data() +

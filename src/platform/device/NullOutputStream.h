@@ -18,11 +18,9 @@ class NullOutputStream final : public AudioOutputStream {
 public:
     /// A stream at sampleRate on a null device running at deviceRate (0: the stream's rate;
     /// another rate makes the stream resample). Thread: main.
-    static std::unique_ptr<NullOutputStream> open(double sampleRate, double deviceRate,
-                                                  std::uint32_t channelCount,
-                                                  std::uint32_t framesPerBuffer,
-                                                  AudioDeviceRenderProc proc, void* context,
-                                                  Error* outError);
+    static std::unique_ptr<NullOutputStream>
+    open(double sampleRate, double deviceRate, std::uint32_t channelCount,
+         std::uint32_t framesPerBuffer, AudioDeviceRenderProc proc, void* context, Error* outError);
     ~NullOutputStream() override;
 
     OSStatus start() override;
@@ -32,7 +30,10 @@ public:
     AudioDeviceID device() const override { return kNullAudioDeviceID; }
     double sampleRate() const override { return mRenderer.streamRate(); }
     std::uint32_t channelCount() const override { return mRenderer.channelCount(); }
-    std::uint32_t maximumFramesPerBuffer() const override { return mRenderer.maximumStreamFrames(); }
+    std::uint32_t maximumFramesPerBuffer() const override
+    {
+        return mRenderer.maximumStreamFrames();
+    }
     double outputStageLatencySeconds() const override { return 0; }
     std::uint32_t deviceLatencyFrames() const override { return mRenderer.maximumStreamFrames(); }
     std::uint32_t streamLatencyFrames() const override { return mRenderer.latencyFrames(); }

@@ -90,10 +90,9 @@ PortAudioOutputStream::open(int paIndex, AudioDeviceID device, double sampleRate
         const unsigned long deviceFrames =
             deviceRate == sampleRate
                 ? framesPerBuffer
-                : std::min<unsigned long>(
-                      stream->mRenderer.maximumDeviceFrames(),
-                      static_cast<unsigned long>(std::lround(framesPerBuffer * deviceRate /
-                                                             sampleRate)));
+                : std::min<unsigned long>(stream->mRenderer.maximumDeviceFrames(),
+                                          static_cast<unsigned long>(std::lround(
+                                              framesPerBuffer * deviceRate / sampleRate)));
         PaStream* paStream = nullptr;
         lastError = Pa_OpenStream(&paStream, nullptr, &parameters, deviceRate, deviceFrames,
                                   paClipOff | paDitherOff, &portAudioCallback, stream.get());
@@ -141,8 +140,7 @@ bool PortAudioOutputStream::isRunning() const
     return Pa_IsStreamActive(mStream) == 1;
 }
 
-VELL_RT void PortAudioOutputStream::renderDeviceBuffer(float* const* channels,
-                                                       std::uint32_t frames,
+VELL_RT void PortAudioOutputStream::renderDeviceBuffer(float* const* channels, std::uint32_t frames,
                                                        bool underflowed) noexcept
 {
     if (underflowed) {

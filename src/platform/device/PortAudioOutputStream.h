@@ -16,12 +16,9 @@ namespace vell::detail {
 class PortAudioOutputStream final : public AudioOutputStream {
 public:
     /// Opens PortAudio device paIndex (known to the hardware as device). Thread: main.
-    static std::unique_ptr<PortAudioOutputStream> open(int paIndex, AudioDeviceID device,
-                                                       double sampleRate,
-                                                       std::uint32_t channelCount,
-                                                       std::uint32_t framesPerBuffer,
-                                                       AudioDeviceRenderProc proc, void* context,
-                                                       Error* outError);
+    static std::unique_ptr<PortAudioOutputStream>
+    open(int paIndex, AudioDeviceID device, double sampleRate, std::uint32_t channelCount,
+         std::uint32_t framesPerBuffer, AudioDeviceRenderProc proc, void* context, Error* outError);
     ~PortAudioOutputStream() override;
 
     OSStatus start() override;
@@ -31,7 +28,10 @@ public:
     AudioDeviceID device() const override { return mDevice; }
     double sampleRate() const override { return mRenderer.streamRate(); }
     std::uint32_t channelCount() const override { return mRenderer.channelCount(); }
-    std::uint32_t maximumFramesPerBuffer() const override { return mRenderer.maximumStreamFrames(); }
+    std::uint32_t maximumFramesPerBuffer() const override
+    {
+        return mRenderer.maximumStreamFrames();
+    }
     double outputStageLatencySeconds() const override { return mOutputLatency; }
     std::uint32_t deviceLatencyFrames() const override { return 0; }
     std::uint32_t streamLatencyFrames() const override { return mRenderer.latencyFrames(); }

@@ -174,11 +174,11 @@ bool PulseServerMonitor::start(std::chrono::milliseconds firstInfoWait)
             mConnected = true;
         }
         pa_context_set_subscribe_callback(mContext, &PulseCallbacks::subscription, this);
-        pa_operation* operation = pa_context_subscribe(
-            mContext,
-            static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER |
-                                                PA_SUBSCRIPTION_MASK_SINK),
-            nullptr, nullptr);
+        pa_operation* operation =
+            pa_context_subscribe(mContext,
+                                 static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER |
+                                                                     PA_SUBSCRIPTION_MASK_SINK),
+                                 nullptr, nullptr);
         if (operation) {
             pa_operation_unref(operation);
         }

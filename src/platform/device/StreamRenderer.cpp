@@ -72,8 +72,8 @@ Result<void> StreamRenderer::prepare(double streamRate, double deviceRate,
         return rendererError("No render procedure was given.");
     }
     if (!(streamRate > 0) || !(deviceRate > 0)) {
-        return rendererError(vell::format("Unusable sample rates %g and %g.", streamRate,
-                                          deviceRate));
+        return rendererError(
+            vell::format("Unusable sample rates %g and %g.", streamRate, deviceRate));
     }
     if (channelCount == 0 || channelCount > kMaximumChannels) {
         return rendererError(vell::format("Unusable channel count %u.", channelCount));
@@ -103,8 +103,8 @@ Result<void> StreamRenderer::prepare(double streamRate, double deviceRate,
 
     mRatio = deviceRate / streamRate;
     if (src_is_valid_ratio(mRatio) == 0) {
-        return rendererError(vell::format("Cannot resample from %g Hz to %g Hz.", streamRate,
-                                          deviceRate));
+        return rendererError(
+            vell::format("Cannot resample from %g Hz to %g Hz.", streamRate, deviceRate));
     }
     int error = 0;
     mResampler = src_new(kConverterType, static_cast<int>(channelCount), &error);

@@ -73,11 +73,11 @@ private:
     // Resampling only.
     SRC_STATE* mResampler = nullptr;
     double mRatio = 1.0;
-    std::vector<float> mPlanar;      // one stream block, channel after channel
-    std::vector<float> mInput;       // the same block interleaved, for the resampler
-    std::vector<float> mOutput;      // interleaved device frames
-    std::uint32_t mInputOffset = 0;  // frames of mInput already consumed
-    std::uint32_t mInputFrames = 0;  // frames of mInput not yet consumed
+    std::vector<float> mPlanar;     // one stream block, channel after channel
+    std::vector<float> mInput;      // the same block interleaved, for the resampler
+    std::vector<float> mOutput;     // interleaved device frames
+    std::uint32_t mInputOffset = 0; // frames of mInput already consumed
+    std::uint32_t mInputFrames = 0; // frames of mInput not yet consumed
 };
 
 } // namespace vell::detail
