@@ -415,8 +415,8 @@ private:
     template <class Entry> VellEntryArray<Entry>& mutableEntries();
     /// Inserts in order and gives the entry an event id; false if it already has an owner.
     template <class Entry> bool attach(const std::shared_ptr<Entry>& entry);
-    /// Removes and detaches; false if the entry is not in this storage.
-    template <class Entry> bool detach(const std::shared_ptr<Entry>& entry);
+    /// Removes and detaches those of entries that are in this storage; whether any were.
+    template <class Entry> bool detachAll(const VellEntryArray<Entry>& entries);
     template <class Entry> void reorder(const VellEntry& entry);
     template <class Entry> bool setEntriesOfType(VellEntryArray<Entry> incoming);
     void entryDidChange(VellEntry& entry, bool locationChanged);

@@ -94,6 +94,19 @@ bool locationLess(const std::shared_ptr<Entry>& a, const std::shared_ptr<Entry>&
     return a->location() < b->location();
 }
 
+// Puts entries appended after the first `sorted` ones in place: O(n + k log k), stable, so
+// entries at one location keep the order they were added in.
+template <class Entry> void restoreOrder(VellEntryArray<Entry>& list, std::size_t sorted)
+{
+    const auto middle = list.begin() + static_cast<std::ptrdiff_t>(std::min(sorted, list.size()));
+    const auto from = middle == list.begin() ? middle : std::prev(middle);
+    if (std::is_sorted(from, list.end(), locationLess<Entry>)) {
+        return; // the usual case: new entries after the old ones, in order
+    }
+    std::stable_sort(middle, list.end(), locationLess<Entry>);
+    std::inplace_merge(list.begin(), middle, list.end(), locationLess<Entry>);
+}
+
 // The last entry at or before a location, else the first; nullptr for an empty list.
 template <class Entry>
 std::shared_ptr<Entry> entryInForceAt(const VellEntryArray<Entry>& list, Frame location)
@@ -244,19 +257,26 @@ template <class Entry> bool VellNoteEntryStorage::attach(const std::shared_ptr<E
     return true;
 }
 
-template <class Entry> bool VellNoteEntryStorage::detach(const std::shared_ptr<Entry>& entry)
+template <class Entry> bool VellNoteEntryStorage::detachAll(const VellEntryArray<Entry>& entries)
 {
-    if (!entry || entry->mOwner != this) {
+    std::unordered_set<const VellEntry*> leaving;
+    for (const auto& entry : entries) {
+        if (entry && entry->mOwner == this) {
+            leaving.insert(entry.get());
+        }
+    }
+    if (leaving.empty()) {
         return false;
     }
-    auto& list = mutableEntries<Entry>();
-    const auto it = std::find(list.begin(), list.end(), entry);
-    if (it == list.end()) {
-        return false;
-    }
-    list.erase(it);
-    releaseEventId(entry->_eventId);
-    entry->mOwner = nullptr;
+    // One pass, so removing many entries stays linear. (The predicate runs once per entry.)
+    std::erase_if(mutableEntries<Entry>(), [&](const std::shared_ptr<Entry>& entry) {
+        if (!leaving.contains(entry.get())) {
+            return false;
+        }
+        releaseEventId(entry->_eventId);
+        entry->mOwner = nullptr;
+        return true;
+    });
     return true;
 }
 
@@ -264,6 +284,7 @@ template <class Entry> void VellNoteEntryStorage::addEntries(const VellEntryArra
 {
     // Callers may pass one of the storage's own lists; edits below would change it underfoot.
     const VellEntryArray<Entry> incoming = entries;
+    const std::size_t sorted = mutableEntries<Entry>().size();
     bool changed = false;
     for (const auto& entry : incoming) {
         changed = attach(entry) || changed;
@@ -271,23 +292,14 @@ template <class Entry> void VellNoteEntryStorage::addEntries(const VellEntryArra
     if (!changed) {
         return;
     }
-    auto& list = mutableEntries<Entry>();
-    // Stable: entries at the same location keep the order they were added in.
-    if (!std::is_sorted(list.begin(), list.end(), locationLess<Entry>)) {
-        std::stable_sort(list.begin(), list.end(), locationLess<Entry>);
-    }
+    restoreOrder(mutableEntries<Entry>(), sorted);
     announce(Entry::kKind);
 }
 
 template <class Entry>
 void VellNoteEntryStorage::removeEntries(const VellEntryArray<Entry>& entries)
 {
-    const VellEntryArray<Entry> outgoing = entries; // may be the storage's own list
-    bool changed = false;
-    for (const auto& entry : outgoing) {
-        changed = detach(entry) || changed;
-    }
-    if (changed) {
+    if (detachAll(entries)) {
         announce(Entry::kKind);
     }
 }
@@ -311,13 +323,15 @@ void VellNoteEntryStorage::replaceEntries(const VellEntryArray<Entry>& oldArray,
             }
         }
     }
-    bool changed = false;
     // All removals first, so a copy can take over its original's event id.
+    VellEntryArray<Entry> leaving;
     for (const auto& entry : oldEntries) {
         if (!inBoth.contains(entry.get())) {
-            changed = detach(entry) || changed;
+            leaving.push_back(entry);
         }
     }
+    bool changed = detachAll(leaving);
+    const std::size_t sorted = mutableEntries<Entry>().size();
     for (const auto& entry : newEntries) {
         if (!inBoth.contains(entry.get())) {
             changed = attach(entry) || changed;
@@ -326,10 +340,7 @@ void VellNoteEntryStorage::replaceEntries(const VellEntryArray<Entry>& oldArray,
     if (!changed) {
         return;
     }
-    auto& list = mutableEntries<Entry>();
-    if (!std::is_sorted(list.begin(), list.end(), locationLess<Entry>)) {
-        std::stable_sort(list.begin(), list.end(), locationLess<Entry>);
-    }
+    restoreOrder(mutableEntries<Entry>(), sorted);
     announce(Entry::kKind);
 }
 

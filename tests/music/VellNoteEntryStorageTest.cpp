@@ -7,10 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <memory>
+#include <random>
 #include <set>
+#include <string>
 #include <vector>
 
 using namespace vell;
@@ -155,6 +158,56 @@ TEST(VellNoteEntryStorageTest, KeepsEachKindInLocationOrder)
     storage.beatEntries()[1]->setDownbeat(true);
     EXPECT_EQ(counter.signals(VellEntryKind::beat), 2);
     EXPECT_EQ(counter.total(), 2);
+}
+
+TEST(VellNoteEntryStorageTest, BatchesInAnyOrderEndSortedAndStable)
+{
+    VellNoteEntryStorage storage;
+    std::mt19937 random(99);
+    // Batches of random size at random locations (many equal ones); each entry remembers its
+    // serial number in its channel-free field: the marker name.
+    int serial = 0;
+    for (int batch = 0; batch < 60; ++batch) {
+        VellEntryArray<VellMarkerEntry> markers;
+        const int size = static_cast<int>(random() % 40);
+        for (int i = 0; i < size; ++i) {
+            auto marker = storage.newMarkerEntry();
+            marker->setLocation(static_cast<Frame>(random() % 50));
+            marker->setName(std::to_string(serial++));
+            markers.push_back(marker);
+        }
+        storage.addEntries(markers);
+        const auto& list = storage.markerEntries();
+        for (std::size_t i = 1; i < list.size(); ++i) {
+            ASSERT_LE(list[i - 1]->location(), list[i]->location());
+            if (list[i - 1]->location() == list[i]->location()) {
+                ASSERT_LT(std::stoi(list[i - 1]->name()), std::stoi(list[i]->name()))
+                    << "not stable";
+            }
+        }
+    }
+    EXPECT_EQ(storage.markerEntries().size(), static_cast<std::size_t>(serial));
+
+    // Many single additions in reverse order, then removing every other one and then all.
+    for (int i = 20000; i > 0; --i) {
+        storage.addBeatEntry(beatAt(storage, i));
+    }
+    ASSERT_EQ(storage.beatEntries().size(), 20000u);
+    EXPECT_TRUE(
+        std::is_sorted(storage.beatEntries().begin(), storage.beatEntries().end(),
+                       [](const auto& a, const auto& b) { return a->location() < b->location(); }));
+    VellEntryArray<VellBeatEntry> odd;
+    for (const auto& beat : storage.beatEntries()) {
+        if (beat->location() % 2 == 1) {
+            odd.push_back(beat);
+        }
+    }
+    storage.removeBeatEntriesInArray(odd);
+    ASSERT_EQ(storage.beatEntries().size(), 10000u);
+    EXPECT_EQ(storage.beatEntries()[0]->location(), 2);
+    EXPECT_EQ(odd[0]->storage(), nullptr);
+    storage.removeBeatEntriesInArray(storage.beatEntries());
+    EXPECT_TRUE(storage.beatEntries().empty());
 }
 
 TEST(VellNoteEntryStorageTest, EventIdsAreUniqueAndNonZero)
