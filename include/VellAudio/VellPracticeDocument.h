@@ -57,6 +57,11 @@ public:
     VellPracticeDocument();
     /// A document around an existing storage (shared with, say, a playback controller).
     explicit VellPracticeDocument(std::shared_ptr<VellNoteEntryStorage> storage);
+    // Move-only: a copy would silently share the storage.
+    VellPracticeDocument(const VellPracticeDocument&) = delete;
+    VellPracticeDocument& operator=(const VellPracticeDocument&) = delete;
+    VellPracticeDocument(VellPracticeDocument&&) noexcept = default;
+    VellPracticeDocument& operator=(VellPracticeDocument&&) noexcept = default;
 
     /// A document for a file without one: a 4/4 beat grid at bpm from firstBeatSeconds with one
     /// tempo entry over the whole file (VellNoteEntryStorage::makeBeatGrid).
