@@ -37,8 +37,8 @@ public:
     /// A store kept in the JSON file at path. A missing file is an empty store; the file and
     /// its directory are made at the first write. The writer thread writes writeDelay after a
     /// change, gathering the changes made meanwhile.
-    static std::shared_ptr<UserDefaults> openFile(const std::filesystem::path& path,
-                                                  std::chrono::milliseconds writeDelay = kWriteDelay);
+    static std::shared_ptr<UserDefaults>
+    openFile(const std::filesystem::path& path, std::chrono::milliseconds writeDelay = kWriteDelay);
     /// "$XDG_CONFIG_HOME/vell/defaults.json", or "~/.config/vell/defaults.json" when that
     /// variable is unset, empty or not an absolute path.
     static std::filesystem::path defaultFilePath();

@@ -57,7 +57,8 @@ std::shared_ptr<void> ManualClock::addListener(Listener listener)
     return makeReleaseToken([weak, id] {
         if (auto listeners = weak.lock()) {
             std::lock_guard lock(listeners->mutex);
-            std::erase_if(listeners->entries, [id](const auto& entry) { return entry.first == id; });
+            std::erase_if(listeners->entries,
+                          [id](const auto& entry) { return entry.first == id; });
         }
     });
 }

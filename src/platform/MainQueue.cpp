@@ -162,7 +162,7 @@ void MainQueue::async(Task task)
 }
 
 std::shared_ptr<MainQueue::Cancellable> MainQueue::asyncAfter(std::chrono::nanoseconds delay,
-                                                             Task task)
+                                                              Task task)
 {
     auto flag = std::make_shared<CancelFlag>(false);
     auto handle = std::make_shared<Cancellable>();
@@ -172,9 +172,8 @@ std::shared_ptr<MainQueue::Cancellable> MainQueue::asyncAfter(std::chrono::nanos
         return handle;
     }
     std::lock_guard lock(mImpl->mutex);
-    const auto due =
-        mImpl->nowLocked() +
-        std::chrono::duration_cast<Clock::duration>(std::max(delay, std::chrono::nanoseconds(0)));
+    const auto due = mImpl->nowLocked() + std::chrono::duration_cast<Clock::duration>(
+                                              std::max(delay, std::chrono::nanoseconds(0)));
     mImpl->delayed.emplace(std::make_pair(due, mImpl->nextSequence++),
                            DelayedTask{std::move(task), std::move(flag)});
     mImpl->wake.notify_all();

@@ -58,9 +58,8 @@ NotificationCenter::NotificationCenter() : mImpl(std::make_shared<Impl>()) {}
 
 NotificationCenter::~NotificationCenter() = default;
 
-NotificationCenter::ObserverToken NotificationCenter::addObserver(std::string_view name,
-                                                                  const void* object,
-                                                                  Observer observer)
+NotificationCenter::ObserverToken
+NotificationCenter::addObserver(std::string_view name, const void* object, Observer observer)
 {
     auto registration = std::make_shared<Registration>();
     registration->name = std::string(name);
@@ -88,8 +87,7 @@ void NotificationCenter::post(const Notification& notification)
         std::lock_guard lock(mImpl->mutex);
         for (const auto& registration : mImpl->registrations) {
             if (registration->name == notification.name &&
-                (registration->object == nullptr ||
-                 registration->object == notification.object)) {
+                (registration->object == nullptr || registration->object == notification.object)) {
                 matching.push_back(registration);
             }
         }

@@ -7,8 +7,7 @@
 namespace vell {
 
 struct RepeatingTimer::State : std::enable_shared_from_this<State> {
-    State(std::chrono::nanoseconds period, Handler fn, MainQueue& targetQueue,
-          MainQueue& tickQueue)
+    State(std::chrono::nanoseconds period, Handler fn, MainQueue& targetQueue, MainQueue& tickQueue)
         : interval(std::max(period, std::chrono::nanoseconds(1))), handler(std::move(fn)),
           target(targetQueue), timerQueue(tickQueue)
     {

@@ -107,8 +107,8 @@ json loadStoredValues(const std::filesystem::path& path)
             return json::object();
         }
         if (errnum != EFBIG) {
-            VELL_LOG_ERROR(format("Could not read the user defaults: %s",
-                                  error.description().c_str()));
+            VELL_LOG_ERROR(
+                format("Could not read the user defaults: %s", error.description().c_str()));
             return json::object();
         }
     } else {
@@ -238,8 +238,7 @@ struct UserDefaults::Impl {
             std::filesystem::permissions(directory, std::filesystem::perms::owner_all, ec);
         }
         auto written = writeFileAtomically(
-            *path,
-            std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()),
+            *path, std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()),
             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
         if (!written) {
             assignError(outError, std::move(written).error());
@@ -293,7 +292,7 @@ std::shared_ptr<UserDefaults> UserDefaults::makeInMemory()
 }
 
 std::shared_ptr<UserDefaults> UserDefaults::openFile(const std::filesystem::path& path,
-                                                   std::chrono::milliseconds writeDelay)
+                                                     std::chrono::milliseconds writeDelay)
 {
     auto impl = std::make_unique<Impl>();
     impl->path = path;

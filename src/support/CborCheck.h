@@ -9,10 +9,10 @@ namespace vell::detail {
 
 enum class CborCheck {
     ok,
-    truncated,      ///< an item or a declared length runs past the end
-    malformed,      ///< a reserved encoding, a misplaced break, or a tag
-    tooDeep,        ///< nesting beyond the limit
-    trailingBytes,  ///< bytes left after the one top-level item
+    truncated,     ///< an item or a declared length runs past the end
+    malformed,     ///< a reserved encoding, a misplaced break, or a tag
+    tooDeep,       ///< nesting beyond the limit
+    trailingBytes, ///< bytes left after the one top-level item
 };
 
 /// Walks exactly one CBOR data item spanning all of data without recursion: every length is

@@ -35,9 +35,10 @@ Result<std::vector<std::uint8_t>> readWholeFile(const std::filesystem::path& pat
                                                 std::size_t maxBytes = std::size_t(1) << 30);
 
 /// Replaces the file at path with contents so that a crash at any moment leaves either the old
-/// file or the new one, never a mix: the bytes go to a temporary file beside it ("NAME.tmp-XXXXXX"),
-/// which is flushed to disk and renamed over path; then the directory is flushed. An existing
-/// file's permissions are kept; a new one gets newFileMode. The directory must exist.
+/// file or the new one, never a mix: the bytes go to a temporary file beside it
+/// ("NAME.tmp-XXXXXX"), which is flushed to disk and renamed over path; then the directory is
+/// flushed. An existing file's permissions are kept; a new one gets newFileMode. The directory must
+/// exist.
 Result<void> writeFileAtomically(const std::filesystem::path& path,
                                  std::span<const std::uint8_t> contents,
                                  std::filesystem::perms newFileMode = std::filesystem::perms(0644));

@@ -10,8 +10,7 @@ FileWrapper::FileWrapper(std::vector<std::uint8_t> contents, std::string preferr
 {
 }
 
-std::unique_ptr<FileWrapper> FileWrapper::create(const std::filesystem::path& path,
-                                                 Error* outError)
+std::unique_ptr<FileWrapper> FileWrapper::create(const std::filesystem::path& path, Error* outError)
 {
     auto contents = readWholeFile(path);
     if (!contents) {

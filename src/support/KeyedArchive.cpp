@@ -146,9 +146,8 @@ const ArchiveValue* KeyedUnarchiver::find(std::string_view key) const
 void KeyedUnarchiver::noteMismatch(std::string_view key, const char* expected) const
 {
     if (!mError) {
-        mError = corruptArchiveError(
-            format("the value for key \u201c%.*s\u201d is not %s", static_cast<int>(key.size()),
-                   key.data(), expected));
+        mError = corruptArchiveError(format("the value for key \u201c%.*s\u201d is not %s",
+                                            static_cast<int>(key.size()), key.data(), expected));
     }
 }
 
@@ -260,8 +259,8 @@ std::optional<std::string> KeyedUnarchiver::decodeStringForKey(std::string_view 
     return value->get<std::string>();
 }
 
-std::optional<std::vector<std::uint8_t>> KeyedUnarchiver::decodeBytesForKey(
-    std::string_view key) const
+std::optional<std::vector<std::uint8_t>>
+KeyedUnarchiver::decodeBytesForKey(std::string_view key) const
 {
     const ArchiveValue* value = find(key);
     if (!value) {

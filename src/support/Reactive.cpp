@@ -96,7 +96,8 @@ void Lifetime::add(Disposable disposable) const
             // Subscriptions disposed early would pile up over a long lifetime: drop them now
             // and then, at doubling sizes so adding stays cheap.
             if (mState->disposables.size() >= mState->pruneAt) {
-                std::erase_if(mState->disposables, [](const Disposable& d) { return d.isDisposed(); });
+                std::erase_if(mState->disposables,
+                              [](const Disposable& d) { return d.isDisposed(); });
                 mState->pruneAt = std::max<std::size_t>(16, mState->disposables.size() * 2);
             }
             mState->disposables.push_back(std::move(disposable));

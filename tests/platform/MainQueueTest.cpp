@@ -1,6 +1,6 @@
 // Main queue: order, delayed and cancelled tasks, its own thread, draining on a manual clock.
-#include "platform/Clock.h"
 #include "platform/MainQueue.h"
+#include "platform/Clock.h"
 #include "platform/ManualTime.h"
 
 #include "TestSupport.h"

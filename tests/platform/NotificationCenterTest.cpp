@@ -79,11 +79,12 @@ TEST_F(NotificationCenterTest, ObserverMayRemoveItselfAndOthersDuringDelivery)
     NotificationCenter::ObserverToken self;
     NotificationCenter::ObserverToken later;
     auto state = std::make_shared<std::string>("captured state");
-    self = mCenter.addObserver(kDidBegin, nullptr, [this, &self, &later, state](const Notification&) {
-        self.reset(); // destroys the registration holding this very lambda
-        later.reset();
-        mLog.push_back("self saw " + *state); // captures still alive while it runs
-    });
+    self =
+        mCenter.addObserver(kDidBegin, nullptr, [this, &self, &later, state](const Notification&) {
+            self.reset(); // destroys the registration holding this very lambda
+            later.reset();
+            mLog.push_back("self saw " + *state); // captures still alive while it runs
+        });
     later = mCenter.addObserver(kDidBegin, nullptr, record("later"));
     state.reset();
 
@@ -135,7 +136,8 @@ TEST(NotificationCenterThreadTest, ConcurrentPostsAndRegistrationsCountExactly)
 {
     NotificationCenter center;
     std::atomic<int> steadyCount{0};
-    auto steady = center.addObserver(kDidBegin, nullptr, [&](const Notification&) { ++steadyCount; });
+    auto steady =
+        center.addObserver(kDidBegin, nullptr, [&](const Notification&) { ++steadyCount; });
 
     constexpr int kPosters = 3;
     constexpr int kPosts = 2000;

@@ -1,6 +1,6 @@
 // Repeating timers: grid, hop to the target queue, coalescing, stop and restart, manual time.
-#include "platform/ManualTime.h"
 #include "platform/RepeatingTimer.h"
+#include "platform/ManualTime.h"
 #include "platform/TimerProducer.h"
 
 #include <gtest/gtest.h>
@@ -174,7 +174,9 @@ TEST_F(RepeatingTimerTest, TimerProducerTicksOnItsQueueUntilDisposedOrItsLifetim
     EXPECT_EQ(ticks, (std::vector<std::chrono::milliseconds>{67ms, 134ms}));
     EXPECT_EQ(otherTicks, 2);
 
-    { Lifetime::Token ended = std::move(token); }
+    {
+        Lifetime::Token ended = std::move(token);
+    }
     other.dispose();
     advanceAndDrain(*mClock, {&mTarget}, 1s);
     EXPECT_EQ(ticks.size(), 2u);
@@ -205,7 +207,8 @@ TEST(RepeatingTimerProcessQueuesTest, RealTimerThreadHopsToAQueueDrainedByTheHos
     // The one test on the steady clock: the global queue's own thread ticks, the host drains.
     MainQueue host;
     int calls = 0;
-    RepeatingTimer timer(1ms, [&] { ++calls; }, host, MainQueue::global());
+    RepeatingTimer timer(
+        1ms, [&] { ++calls; }, host, MainQueue::global());
     timer.start();
     EXPECT_TRUE(host.runUntil([&] { return calls >= 3; }, host.now() + 30s));
     timer.stop();

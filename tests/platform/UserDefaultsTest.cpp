@@ -287,15 +287,18 @@ TEST(UserDefaultsLocationTest, ConfigHomeOrItsFallback)
     }
     {
         EnvironmentVariable config("XDG_CONFIG_HOME", "relative/conf");
-        EXPECT_EQ(UserDefaults::defaultFilePath(), fs::path("/home/player/.config/vell/defaults.json"));
+        EXPECT_EQ(UserDefaults::defaultFilePath(),
+                  fs::path("/home/player/.config/vell/defaults.json"));
     }
     {
         EnvironmentVariable config("XDG_CONFIG_HOME", "");
-        EXPECT_EQ(UserDefaults::defaultFilePath(), fs::path("/home/player/.config/vell/defaults.json"));
+        EXPECT_EQ(UserDefaults::defaultFilePath(),
+                  fs::path("/home/player/.config/vell/defaults.json"));
     }
     {
         EnvironmentVariable config("XDG_CONFIG_HOME", nullptr);
-        EXPECT_EQ(UserDefaults::defaultFilePath(), fs::path("/home/player/.config/vell/defaults.json"));
+        EXPECT_EQ(UserDefaults::defaultFilePath(),
+                  fs::path("/home/player/.config/vell/defaults.json"));
     }
 }
 

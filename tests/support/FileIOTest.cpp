@@ -1,6 +1,6 @@
 // Whole-file reads, atomic writes (also when the write fails half-way), file wrappers, JSON depth.
-#include "VellAudio/FileWrapper.h"
 #include "support/FileIO.h"
+#include "VellAudio/FileWrapper.h"
 #include "support/JsonLimits.h"
 
 #include "TestSupport.h"
@@ -104,7 +104,8 @@ TEST_F(FileIOTest, ReadErrorsNameTheFileAndTheCause)
     ASSERT_FALSE(missing);
     EXPECT_EQ(missing.error().domain(), NSCocoaErrorDomain);
     EXPECT_EQ(missing.error().code(), kFileReadNoSuchFileError);
-    EXPECT_EQ(missing.error().stringForKey(NSFilePathErrorKey), (mDirectory / "missing.json").string());
+    EXPECT_EQ(missing.error().stringForKey(NSFilePathErrorKey),
+              (mDirectory / "missing.json").string());
     EXPECT_NE(missing.error().localizedDescription().find("missing.json"), std::string::npos);
 
     auto directory = readWholeFile(mDirectory.path());
@@ -126,7 +127,7 @@ TEST_F(FileIOTest, ReadErrorsNameTheFileAndTheCause)
 TEST_F(FileIOTest, FileWrapperReadsWholeAndWritesAtomically)
 {
     FileWrapper wrapper(bytesOf("{\"playbackSpeed\":0.5}"), "settings.json");
-    const auto path = mDirectory / "Doc" ;
+    const auto path = mDirectory / "Doc";
     fs::create_directory(path);
     Error error;
     ASSERT_TRUE(wrapper.writeToPath(path / wrapper.preferredFilename(), &error))

@@ -25,9 +25,10 @@ Bytes sampleArchive()
     archiver.encodeBytes(Bytes{0x00, 0xff, 0x10}, "blob");
     archiver.encodeObject(ArchiveValue(0.75), "noteEntryPlaybackVolume");
     archiver.encodeObject(
-        ArchiveValue{{"regions", ArchiveValue::array({1, 2.5, "x", false})},
-                     {"raw", ArchiveValue::binary(Bytes{1, 2, 3})},
-                     {"inner", ArchiveValue{{"deep", ArchiveValue::array({ArchiveValue::object()})}}}},
+        ArchiveValue{
+            {"regions", ArchiveValue::array({1, 2.5, "x", false})},
+            {"raw", ArchiveValue::binary(Bytes{1, 2, 3})},
+            {"inner", ArchiveValue{{"deep", ArchiveValue::array({ArchiveValue::object()})}}}},
         "nested");
     return archiver.encodedData();
 }
@@ -112,8 +113,9 @@ TEST(KeyedArchiveTest, BytesThatAreNotAnArchiveGiveAnError)
         {"text", {'h', 'e', 'l', 'l', 'o'}},
         {"CBOR array", ArchiveValue::to_cbor(ArchiveValue::array({1, 2}))},
         {"map without header", ArchiveValue::to_cbor(ArchiveValue{{"playbackVolume", 1.0}})},
-        {"wrong archiver", ArchiveValue::to_cbor(ArchiveValue{
-                               {"$archiver", "Other"}, {"$version", 1}, {"$top", ArchiveValue::object()}})},
+        {"wrong archiver",
+         ArchiveValue::to_cbor(ArchiveValue{
+             {"$archiver", "Other"}, {"$version", 1}, {"$top", ArchiveValue::object()}})},
         {"newer version", ArchiveValue::to_cbor(ArchiveValue{{"$archiver", "VellKeyedArchiver"},
                                                              {"$version", 2},
                                                              {"$top", ArchiveValue::object()}})},
@@ -124,7 +126,8 @@ TEST(KeyedArchiveTest, BytesThatAreNotAnArchiveGiveAnError)
         {"tagged item", {0xc1, 0x1a, 0, 0, 0, 0}},
         {"stray break", {0xff}},
         {"reserved encoding", {0x1c}},
-        {"trailing bytes", [] {
+        {"trailing bytes",
+         [] {
              Bytes b = sampleArchive();
              b.push_back(0x00);
              return b;

@@ -27,7 +27,10 @@ public:
     Transport() : Observable(dependencies()) {}
 
     long long currentFrame() const { return mCurrentFrame; }
-    void setCurrentFrame(long long frame) { setObservedValue(mCurrentFrame, frame, "currentFrame"); }
+    void setCurrentFrame(long long frame)
+    {
+        setObservedValue(mCurrentFrame, frame, "currentFrame");
+    }
     double currentTime() const { return static_cast<double>(mCurrentFrame) / 100.0; }
     void setCurrentTime(double seconds)
     {
@@ -53,9 +56,9 @@ protected:
         mTokens.push_back(mTransport.addObserver(
             key,
             [this](const KeyChange& change) {
-                mLog.push_back(std::string(change.phase == KeyChangePhase::willChange ? "will "
-                                                                                        : "did ") +
-                               std::string(change.key) + "<-" + std::string(change.changedKey));
+                mLog.push_back(
+                    std::string(change.phase == KeyChangePhase::willChange ? "will " : "did ") +
+                    std::string(change.key) + "<-" + std::string(change.changedKey));
             },
             includeWillChange));
     }
@@ -64,13 +67,13 @@ protected:
 TEST(KeyDependenciesTest, AffectedKeysWalkDependentsOnceEvenAroundCycles)
 {
     const auto& table = Transport::dependencies();
-    EXPECT_EQ(table.affectedKeys("currentFrame"),
-              (std::vector<std::string>{"currentFrame", "currentTime", "remainingTime",
-                                        "position"}));
+    EXPECT_EQ(
+        table.affectedKeys("currentFrame"),
+        (std::vector<std::string>{"currentFrame", "currentTime", "remainingTime", "position"}));
     // Through the mutual pair, a change of the time reaches what depends on the frame.
-    EXPECT_EQ(table.affectedKeys("currentTime"),
-              (std::vector<std::string>{"currentTime", "currentFrame", "position",
-                                        "remainingTime"}));
+    EXPECT_EQ(
+        table.affectedKeys("currentTime"),
+        (std::vector<std::string>{"currentTime", "currentFrame", "position", "remainingTime"}));
     EXPECT_EQ(table.affectedKeys("totalFrames"),
               (std::vector<std::string>{"totalFrames", "position"}));
     EXPECT_EQ(table.affectedKeys("unrelated"), std::vector<std::string>{"unrelated"});
@@ -91,17 +94,15 @@ TEST_F(ObservableTest, ChangeOfOneOfAMutualPairAnnouncesEachDependentOnce)
     watch("combinedPitchAdjustment");
 
     mTransport.setCurrentFrame(441);
-    EXPECT_EQ(mLog, (std::vector<std::string>{"did currentFrame<-currentFrame",
-                                              "did currentTime<-currentFrame",
-                                              "did remainingTime<-currentFrame",
-                                              "did position<-currentFrame"}));
+    EXPECT_EQ(mLog, (std::vector<std::string>{
+                        "did currentFrame<-currentFrame", "did currentTime<-currentFrame",
+                        "did remainingTime<-currentFrame", "did position<-currentFrame"}));
     mLog.clear();
     mTransport.setCurrentTime(1.5);
     EXPECT_EQ(mTransport.currentFrame(), 150);
-    EXPECT_EQ(mLog, (std::vector<std::string>{"did currentTime<-currentTime",
-                                              "did currentFrame<-currentTime",
-                                              "did position<-currentTime",
-                                              "did remainingTime<-currentTime"}));
+    EXPECT_EQ(mLog, (std::vector<std::string>{
+                        "did currentTime<-currentTime", "did currentFrame<-currentTime",
+                        "did position<-currentTime", "did remainingTime<-currentTime"}));
     mLog.clear();
     mTransport.setTotalFrames(2000);
     EXPECT_EQ(mLog, std::vector<std::string>{"did position<-totalFrames"});
@@ -163,7 +164,8 @@ TEST_F(ObservableTest, TokensEndObservationAlsoDuringAnAnnouncement)
         mLog.push_back("first " + std::string(change.key));
         second.reset(); // removes an observer further down this very announcement
     });
-    second = mTransport.addObserver("currentTime", [&](const KeyChange&) { mLog.push_back("second"); });
+    second =
+        mTransport.addObserver("currentTime", [&](const KeyChange&) { mLog.push_back("second"); });
     EXPECT_TRUE(first);
 
     mTransport.setCurrentFrame(5);

@@ -201,7 +201,9 @@ TEST(LifetimeTest, ObserveEndedRunsOnceUnlessCancelled)
     lifetime.observeEnded([&] { ++ended; });
     Disposable cancelled = lifetime.observeEnded([&] { ++cancelledRuns; });
     cancelled.dispose();
-    { Lifetime::Token gone = std::move(token); }
+    {
+        Lifetime::Token gone = std::move(token);
+    }
     EXPECT_EQ(ended, 1);
     EXPECT_EQ(cancelledRuns, 0);
 
@@ -221,7 +223,9 @@ TEST(LifetimeTest, ManyShortSubscriptionsDoNotLoseTheLiveOnes)
         }
     }
     EXPECT_EQ(disposedAtEnd, 100);
-    { Lifetime::Token gone = std::move(token); }
+    {
+        Lifetime::Token gone = std::move(token);
+    }
     EXPECT_EQ(disposedAtEnd, 200);
 }
 
@@ -256,7 +260,9 @@ TEST(SignalProducerTest, MapAndTakeCompose)
         .take(lifetime)
         .startWithValues([&](const std::string& s) { seen.push_back(s); });
     property.setValue(3);
-    { Lifetime::Token gone = std::move(token); }
+    {
+        Lifetime::Token gone = std::move(token);
+    }
     property.setValue(4);
     EXPECT_EQ(seen, (std::vector<std::string>{"4", "9"}));
 }
