@@ -10,6 +10,7 @@
 #include <cmath>
 #include <fstream>
 #include <random>
+#include <span>
 
 namespace vell {
 namespace {
@@ -357,6 +358,49 @@ TEST_F(AudioFileDecodingTest, KeepsTheFilesOwnSampleRate)
     EXPECT_EQ(file->sampleRate(), 96000);
     EXPECT_EQ(file->frameCount(), 96'000);
     EXPECT_DOUBLE_EQ(file->duration(), 1.0);
+}
+
+/// The frequency of a tone from its rising zero crossings.
+double toneFrequency(std::span<const float> samples, double sampleRate)
+{
+    std::size_t first = 0;
+    std::size_t last = 0;
+    int crossings = 0;
+    for (std::size_t i = 1; i < samples.size(); ++i) {
+        if (samples[i - 1] < 0 && samples[i] >= 0) {
+            first = crossings == 0 ? i : first;
+            last = i;
+            ++crossings;
+        }
+    }
+    return crossings > 1 ? (crossings - 1) * sampleRate / double(last - first) : 0;
+}
+
+TEST_F(AudioFileDecodingTest, ARateChangeMidStreamIsResampledToTheFirstRate)
+{
+    // Two MP3 streams back to back, 44.1 kHz then 48 kHz, each a 440 Hz tone.
+    ASSERT_TRUE(test::run("sox -V1 -r 44100 -c 2 -n " + quoted(path("a.wav")) +
+                          " synth 2 sine 440 vol 0.5"));
+    ASSERT_TRUE(test::run("sox -V1 -r 48000 -c 2 -n " + quoted(path("b.wav")) +
+                          " synth 2 sine 440 vol 0.5"));
+    ASSERT_TRUE(test::run("ffmpeg -y -i " + quoted(path("a.wav")) + " " + quoted(path("a.mp3"))));
+    ASSERT_TRUE(test::run("ffmpeg -y -i " + quoted(path("b.wav")) + " -write_xing 0 " +
+                          quoted(path("b.mp3"))));
+    ASSERT_EQ(test::runCommand("cat " + quoted(path("a.mp3")) + " " + quoted(path("b.mp3")) +
+                               " > " + quoted(path("both.mp3"))),
+              0);
+
+    Error error;
+    const auto file = BRIXExtendedAudioFile::create(path("both.mp3"), &error);
+    ASSERT_TRUE(file) << error.description();
+    EXPECT_EQ(file->sampleRate(), 44100);
+    // About four seconds at 44.1 kHz, plus the second stream's untrimmed delay and padding.
+    EXPECT_GT(file->frameCount(), 4 * 44100);
+    EXPECT_LT(file->frameCount(), 4 * 44100 + 4096);
+    const auto left = file->channelData(0);
+    EXPECT_NEAR(toneFrequency(left.subspan(10'000, 60'000), 44100), 440, 2);
+    // Copied at the wrong rate the second tone would read as 404 Hz.
+    EXPECT_NEAR(toneFrequency(left.subspan(100'000, 60'000), 44100), 440, 2);
 }
 
 TEST_F(AudioFileDecodingTest, TheSupportedRangeOfRatesAndChannelsIsInclusive)

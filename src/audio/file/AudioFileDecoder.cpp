@@ -181,67 +181,35 @@ public:
         mOutChannels = outChannels;
     }
 
-    /// Converts one frame into the sink. Returns false when memory runs out or libswresample
-    /// fails.
-    bool convert(const AVFrame* frame, SampleSink& sink, std::size_t chunkFrames)
+    enum class Status { ok, outOfMemory, failed };
+
+    /// Converts one frame into the sink.
+    Status convert(const AVFrame* frame, SampleSink& sink, std::size_t chunkFrames)
     {
         const int channels = frame->ch_layout.nb_channels;
         if (frame->format == AV_SAMPLE_FMT_FLTP && frame->sample_rate == mOutRate &&
             channels == mOutChannels && !mResampler) {
             const auto count = std::size_t(frame->nb_samples);
             if (!sink.makeRoom(count, chunkFrames)) {
-                return false;
+                return Status::outOfMemory;
             }
             for (int c = 0; c < channels; ++c) {
                 std::memcpy(sink.writePointer(c), frame->extended_data[c], count * sizeof(float));
             }
             sink.commit(count);
-            return true;
+            return Status::ok;
         }
-        if (!configure(frame)) {
-            return false;
+        if (const Status status = configure(frame, sink, chunkFrames); status != Status::ok) {
+            return status;
         }
-        const int bound = swr_get_out_samples(mResampler.get(), frame->nb_samples);
-        if (bound < 0 || !sink.makeRoom(std::size_t(bound), chunkFrames)) {
-            return false;
-        }
-        std::array<std::uint8_t*, 2> out{};
-        for (int c = 0; c < mOutChannels; ++c) {
-            out[std::size_t(c)] = reinterpret_cast<std::uint8_t*>(sink.writePointer(c));
-        }
-        const int done = swr_convert(mResampler.get(), out.data(), bound,
-                                     const_cast<const std::uint8_t**>(frame->extended_data),
-                                     frame->nb_samples);
-        if (done < 0) {
-            return false;
-        }
-        sink.commit(std::size_t(done));
-        return true;
+        return resample(const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples,
+                        sink, chunkFrames);
     }
 
     /// Drains what a resampler still holds.
-    bool flush(SampleSink& sink, std::size_t chunkFrames)
+    Status flush(SampleSink& sink, std::size_t chunkFrames)
     {
-        if (!mResampler) {
-            return true;
-        }
-        const int bound = swr_get_out_samples(mResampler.get(), 0);
-        if (bound <= 0) {
-            return bound == 0;
-        }
-        if (!sink.makeRoom(std::size_t(bound), chunkFrames)) {
-            return false;
-        }
-        std::array<std::uint8_t*, 2> out{};
-        for (int c = 0; c < mOutChannels; ++c) {
-            out[std::size_t(c)] = reinterpret_cast<std::uint8_t*>(sink.writePointer(c));
-        }
-        const int done = swr_convert(mResampler.get(), out.data(), bound, nullptr, 0);
-        if (done < 0) {
-            return false;
-        }
-        sink.commit(std::size_t(done));
-        return true;
+        return mResampler ? resample(nullptr, 0, sink, chunkFrames) : Status::ok;
     }
 
 private:
@@ -253,7 +221,31 @@ private:
         bool operator==(const InputKey&) const = default;
     };
 
-    bool configure(const AVFrame* frame)
+    Status resample(const std::uint8_t** in, int count, SampleSink& sink, std::size_t chunkFrames)
+    {
+        const int bound = swr_get_out_samples(mResampler.get(), count);
+        if (bound < 0) {
+            return Status::failed;
+        }
+        if (bound == 0) {
+            return Status::ok;
+        }
+        if (!sink.makeRoom(std::size_t(bound), chunkFrames)) {
+            return Status::outOfMemory;
+        }
+        std::array<std::uint8_t*, 2> out{};
+        for (int c = 0; c < mOutChannels; ++c) {
+            out[std::size_t(c)] = reinterpret_cast<std::uint8_t*>(sink.writePointer(c));
+        }
+        const int done = swr_convert(mResampler.get(), out.data(), bound, in, count);
+        if (done < 0) {
+            return Status::failed;
+        }
+        sink.commit(std::size_t(done));
+        return Status::ok;
+    }
+
+    Status configure(const AVFrame* frame, SampleSink& sink, std::size_t chunkFrames)
     {
         const int channels = frame->ch_layout.nb_channels;
         const InputKey key{frame->format, frame->sample_rate, channels,
@@ -261,7 +253,11 @@ private:
                                ? frame->ch_layout.u.mask
                                : 0};
         if (mResampler && key == mKey) {
-            return true;
+            return Status::ok;
+        }
+        // The input changed mid-stream: what the previous converter still holds goes first.
+        if (const Status status = flush(sink, chunkFrames); status != Status::ok) {
+            return status;
         }
         // One or two channels are taken as mono and left/right whatever they are labelled;
         // larger layouts without labels get the default layout of their channel count so the
@@ -270,13 +266,11 @@ private:
         if (channels <= 2 || frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
             av_channel_layout_default(&inLayout, channels);
         } else if (av_channel_layout_copy(&inLayout, &frame->ch_layout) < 0) {
-            return false;
+            return Status::outOfMemory;
         }
         AVChannelLayout outLayout{};
         av_channel_layout_default(&outLayout, mOutChannels);
 
-        // A change of input format mid-stream: keep what the previous converter still holds.
-        std::unique_ptr<SwrContext, ResamplerFreer> previous = std::move(mResampler);
         SwrContext* context = nullptr;
         const int status = swr_alloc_set_opts2(&context, &outLayout, AV_SAMPLE_FMT_FLTP, mOutRate,
                                                &inLayout, AVSampleFormat(frame->format),
@@ -286,10 +280,10 @@ private:
         mResampler.reset(context);
         if (status < 0 || !context || swr_init(context) < 0) {
             mResampler.reset();
-            return false;
+            return Status::failed;
         }
         mKey = key;
-        return true;
+        return Status::ok;
     }
 
     int mOutRate = 0;
@@ -566,9 +560,10 @@ private:
                         return failure;
                     }
                 }
-                if (!mConverter.convert(frame, mSink, mChunkFrames)) {
+                const auto converted = mConverter.convert(frame, mSink, mChunkFrames);
+                if (converted != Converter::Status::ok) {
                     av_frame_unref(frame);
-                    return Failure{std::string(kReasonTooLarge)};
+                    return conversionFailure(converted);
                 }
             }
             av_frame_unref(frame);
@@ -595,6 +590,14 @@ private:
             }
             return receiveFrames(frame, bytes);
         }
+    }
+
+    static Failure conversionFailure(Converter::Status status)
+    {
+        if (status == Converter::Status::outOfMemory) {
+            return Failure{std::string(kReasonTooLarge)};
+        }
+        return Failure{unsupportedReason("channel layout or sample format")};
     }
 
     bool reportProgress(double fraction)
@@ -663,8 +666,9 @@ private:
             }
             return Failure{std::string(mDecodeErrors > 0 ? kReasonDamaged : kReasonNoAudio)};
         }
-        if (!mConverter.flush(mSink, mChunkFrames)) {
-            return Failure{std::string(kReasonTooLarge)};
+        if (const auto status = mConverter.flush(mSink, mChunkFrames);
+            status != Converter::Status::ok) {
+            return conversionFailure(status);
         }
         trimToContainerDuration();
         if (mSink.frames() == 0) {
