@@ -45,10 +45,15 @@ public:
     /// ran. Thread: the queue's thread.
     std::size_t drain();
     /// Drains until predicate is true or the deadline passes, waiting for new tasks in between.
+    /// The deadline is read on the queue's time source: on a manual clock the wait ends only
+    /// when a task arrives or another thread moves the clock.
     bool runUntil(const std::function<bool()>& predicate, Clock::time_point deadline);
 
     /// Runs the queue on a thread of its own until `stopThread` or destruction.
     void startThread();
+    /// Stops the queue's own thread after its current task and joins it. Called from one of
+    /// the queue's tasks it only asks the loop to end; the next start (or the destructor, which
+    /// must then run elsewhere) joins the thread.
     void stopThread();
 
     /// Whether the calling thread is the one draining this queue (or the queue's own thread).
