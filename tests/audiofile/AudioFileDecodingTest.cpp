@@ -11,6 +11,7 @@
 #include <fstream>
 #include <random>
 #include <span>
+#include <stdexcept>
 
 namespace vell {
 namespace {
@@ -463,6 +464,18 @@ TEST_F(AudioFileDecodingTest, ReportsProgressAndCanBeCancelled)
     EXPECT_LT(calls, int(fractions.size()));
     // Cancelling is the caller's choice, not an error worth logging.
     EXPECT_TRUE(log.lines().empty());
+
+    // A callback that throws does not take the caller down with it.
+    Error thrown;
+    const auto failed = BRIXExtendedAudioFile::create(path("long.mp3"), &thrown, [](double f) {
+        if (f > 0.5) {
+            throw std::runtime_error("progress display gone");
+        }
+        return true;
+    });
+    EXPECT_FALSE(failed);
+    EXPECT_EQ(thrown.domain(), kVellErrorDomain);
+    EXPECT_EQ(log.lines().size(), 1u);
 }
 
 // ---- Bad input: a clear error, one log line, never a crash.

@@ -19,6 +19,7 @@ extern "C" {
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string_view>
 
@@ -150,7 +151,6 @@ public:
         return true;
     }
 
-    int channels() const noexcept { return int(mBuffers.size()); }
     std::size_t frames() const noexcept { return mFrames; }
     float* writePointer(int channel) noexcept { return mBuffers[std::size_t(channel)].data() + mFrames; }
     void commit(std::size_t frames) noexcept { mFrames += frames; }
@@ -774,34 +774,43 @@ std::unique_ptr<BRIXExtendedAudioFile> AudioFileDecoder::open(
 {
     silenceLibraryLogging();
 
-    BRIXExtendedAudioFile::SourceFormat sourceFormat;
-    std::vector<SampleBuffer> buffers;
-    int rate = 0;
-    std::size_t frames = 0;
     std::optional<Failure> failure;
-    {
-        Decoder decoder(path, std::move(progress));
-        failure = decoder.run(sourceFormat, buffers, rate, frames);
-    }
-    if (failure) {
-        if (failure->log) {
-            VELL_LOG_ERROR(format("Could not open the audio file %s: %s", path.c_str(),
-                                  failure->reason.c_str()));
+    // Nothing may escape the facade: not a failed allocation, nor what a progress callback
+    // throws. The decoder's members free FFmpeg's contexts on the way out.
+    try {
+        BRIXExtendedAudioFile::SourceFormat sourceFormat;
+        std::vector<SampleBuffer> buffers;
+        int rate = 0;
+        std::size_t frames = 0;
+        {
+            Decoder decoder(path, std::move(progress));
+            failure = decoder.run(sourceFormat, buffers, rate, frames);
         }
-        assignError(outError, makeUserError(kBadAudioFile, failure->reason));
-        return nullptr;
+        if (!failure) {
+            std::unique_ptr<BRIXExtendedAudioFile> file(new BRIXExtendedAudioFile);
+            file->mPath = path;
+            file->mSampleRate = rate;
+            file->mSourceFormat = std::move(sourceFormat);
+            file->mStorage = std::make_unique<BRIXExtendedAudioFile::Storage>();
+            file->mStorage->buffers = std::move(buffers);
+            // A mono source has one plane, which both client channels read.
+            const auto& planes = file->mStorage->buffers;
+            file->mChannels = {planes.front().data(), planes.back().data()};
+            file->mFrameCount = Frame(frames);
+            return file;
+        }
+    } catch (const std::bad_alloc&) {
+        failure = Failure{std::string(kReasonTooLarge)};
+    } catch (...) {
+        failure = Failure{std::string(kReasonUnreadable)};
     }
 
-    std::unique_ptr<BRIXExtendedAudioFile> file(new BRIXExtendedAudioFile);
-    file->mPath = path;
-    file->mSampleRate = rate;
-    file->mSourceFormat = std::move(sourceFormat);
-    file->mStorage = std::make_unique<BRIXExtendedAudioFile::Storage>();
-    file->mStorage->buffers = std::move(buffers);
-    const auto& planes = file->mStorage->buffers;
-    file->mChannels = {planes.front().data(), planes.back().data()};
-    file->mFrameCount = Frame(frames);
-    return file;
+    if (failure->log) {
+        VELL_LOG_ERROR(format("Could not open the audio file %s: %s", path.c_str(),
+                              failure->reason.c_str()));
+    }
+    assignError(outError, makeUserError(kBadAudioFile, failure->reason));
+    return nullptr;
 }
 
 } // namespace vell::detail
