@@ -29,11 +29,13 @@ class AudioFileDecoder;
 /// `readIntoAudioBufferList` keep a read position and belong to one thread at a time.
 class BRIXExtendedAudioFile {
 public:
-    /// Called now and then while decoding with the fraction done (0...1); return false to cancel.
+    /// Called on the opening thread now and then while decoding with the fraction done (0 first,
+    /// 1 last); return false to cancel.
     using ProgressCallback = std::function<bool(double fractionDone)>;
 
-    /// Opens and decodes a file. On failure returns null and fills *outError with a user error
-    /// ("BRIXVellErrorDomain", code 0) whose description says what is wrong.
+    /// Opens and decodes a file. On failure returns null, logs the error once and fills
+    /// *outError with a user error ("BRIXVellErrorDomain", code 0, description "Bad Audio File")
+    /// whose failure reason says what is wrong. Never throws.
     static std::unique_ptr<BRIXExtendedAudioFile> create(const std::filesystem::path& path,
                                                          Error* outError = nullptr,
                                                          ProgressCallback progress = {});
