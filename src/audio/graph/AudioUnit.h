@@ -162,7 +162,7 @@ OSStatus AudioUnitSetParameter(AudioUnit unit, AudioUnitParameterID id, AudioUni
 /// Clears the unit's state (delay lines, ramps, sounding notes). Not while it renders.
 OSStatus AudioUnitReset(AudioUnit unit, AudioUnitScope scope, AudioUnitElement element);
 
-/// Adds or removes a notification called before (flags | kAudioUnitRender_PreRender) and after
+/// Adds or removes a notification called before (flags | kAudioUnitRenderAction_PreRender) and after
 /// (flags | kAudioUnitRenderAction_PostRender) every render of the unit. Not while it renders.
 OSStatus AudioUnitAddRenderNotify(AudioUnit unit, AURenderCallback proc, void* refCon);
 OSStatus AudioUnitRemoveRenderNotify(AudioUnit unit, AURenderCallback proc, void* refCon);

@@ -30,13 +30,6 @@ OSStatus MultiChannelMixerUnit::getPropertyInfo(AudioUnitPropertyID id, AudioUni
     return status;
 }
 
-OSStatus MultiChannelMixerUnit::getProperty(AudioUnitPropertyID id, AudioUnitScope scope,
-                                            AudioUnitElement element, void* outData,
-                                            UInt32* ioSize)
-{
-    return AudioUnitInstance::getProperty(id, scope, element, outData, ioSize);
-}
-
 OSStatus MultiChannelMixerUnit::setProperty(AudioUnitPropertyID id, AudioUnitScope scope,
                                             AudioUnitElement element, const void* data,
                                             UInt32 size)

@@ -20,8 +20,6 @@ public:
 
     explicit MultiChannelMixerUnit(const AudioComponentDescription& description);
 
-    OSStatus getProperty(AudioUnitPropertyID id, AudioUnitScope scope, AudioUnitElement element,
-                         void* outData, UInt32* ioSize) override;
     OSStatus setProperty(AudioUnitPropertyID id, AudioUnitScope scope, AudioUnitElement element,
                          const void* data, UInt32 size) override;
     OSStatus getPropertyInfo(AudioUnitPropertyID id, AudioUnitScope scope,

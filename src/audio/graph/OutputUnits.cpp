@@ -204,12 +204,6 @@ OSStatus GenericOutputUnit::stop()
     return noErr;
 }
 
-OSStatus GenericOutputUnit::getProperty(AudioUnitPropertyID id, AudioUnitScope scope,
-                                        AudioUnitElement element, void* outData, UInt32* ioSize)
-{
-    return OutputUnitBase::getProperty(id, scope, element, outData, ioSize);
-}
-
 OSStatus GenericOutputUnit::checkFormat(AudioUnitScope scope, AudioUnitElement element,
                                         const AudioStreamBasicDescription& format) const
 {

@@ -67,8 +67,6 @@ public:
 
     OSStatus start() override;
     OSStatus stop() override;
-    OSStatus getProperty(AudioUnitPropertyID id, AudioUnitScope scope, AudioUnitElement element,
-                         void* outData, UInt32* ioSize) override;
     /// Forgets the converter's history and buffered frames.
     OSStatus reset(AudioUnitScope scope, AudioUnitElement element) override;
 

@@ -106,12 +106,6 @@ OSStatus PeakLimiterUnit::setParameter(AudioUnitParameterID id, AudioUnitScope s
     }
 }
 
-OSStatus PeakLimiterUnit::checkFormat(AudioUnitScope scope, AudioUnitElement element,
-                                      const AudioStreamBasicDescription& format) const
-{
-    return AudioUnitInstance::checkFormat(scope, element, format);
-}
-
 void PeakLimiterUnit::formatChanged(AudioUnitScope scope, AudioUnitElement)
 {
     // One format for both sides: the limiter neither converts nor remixes.

@@ -24,8 +24,6 @@ public:
     OSStatus reset(AudioUnitScope scope, AudioUnitElement element) override;
 
 protected:
-    OSStatus checkFormat(AudioUnitScope scope, AudioUnitElement element,
-                         const AudioStreamBasicDescription& format) const override;
     void formatChanged(AudioUnitScope scope, AudioUnitElement element) override;
     OSStatus prepare() override;
     void unprepare() override;
@@ -44,7 +42,7 @@ private:
     // Render state, sized by prepare.
     UInt32 mLookAhead = 0;          // L: frames of delay
     UInt32 mWindow = 1;             // L + 1
-    std::vector<float> mDelay;      // per channel, mWindow frames each
+    std::vector<float> mDelay;      // per channel, mLookAhead frames each
     std::vector<float> mMinValue;   // sliding-minimum queue of required gains
     std::vector<UInt32> mMinIndex;
     UInt32 mMinHead = 0;
