@@ -31,7 +31,7 @@ check() { # FILE KEY EXPECTED
 
 for f in source.wav song.mp3 song.m4a; do
     check "$dir/$f" frames "$frames"
-    check "$dir/$f" sampleRate 44100.0
+    check "$dir/$f" sampleRate 44100
     check "$dir/$f" channels 2
     check "$dir/$f" clientChannels 2
 done

@@ -52,7 +52,8 @@ int runInfo(const Arguments& args)
             {"path", path},
             {"container", source.container},
             {"codec", source.codec},
-            {"sampleRate", file->sampleRate()},
+            // Decoded files always have whole-number rates.
+            {"sampleRate", std::llround(file->sampleRate())},
             {"channels", source.channels},
             {"clientChannels", file->channelCount()},
             {"bitsPerSample", source.bitsPerSample},
