@@ -310,6 +310,10 @@ ParsedDocument parseDocument(std::string_view data)
             if (!(bpm > 0 && bpm <= kMaxTempo)) {
                 failAt(place + ".tempo", format("%g BPM is outside (0, %g]", bpm, kMaxTempo));
             }
+            // Tempos are kept as floats: one that rounds to 0 would not be written back.
+            if (!(static_cast<float>(bpm) > 0)) {
+                failAt(place + ".tempo", format("%g BPM is too slow to keep", bpm));
+            }
             tempo.setTempo(static_cast<float>(bpm));
         });
     contents.timeSignatures = readList<VellTimeSignatureEntry>(
@@ -425,6 +429,20 @@ void writeList(std::string& out, const char* key, const VellEntryArray<Entry>& e
         out += dumpCompact(item);
     }
     out += first ? "],\n" : "\n  ],\n";
+}
+
+// The shortest decimal that reads back as the same float: 120.3f is written as 120.3, and
+// 123.45679f keeps all eight digits (seven would read back as another float).
+double shortestDecimal(float value)
+{
+    for (int digits = 1; digits < 9; ++digits) {
+        const double decimal =
+            std::strtod(format("%.*g", digits, static_cast<double>(value)).c_str(), nullptr);
+        if (static_cast<float>(decimal) == value) {
+            return decimal;
+        }
+    }
+    return std::strtod(format("%.9g", static_cast<double>(value)).c_str(), nullptr);
 }
 
 Frame writableLength(Frame length)
@@ -556,8 +574,7 @@ std::string VellPracticeDocument::JSONData() const
                       return false;
                   }
                   item["length"] = writableLength(tempo.length());
-                  // The float's shortest decimal form: 120.3f is written as 120.3.
-                  item["tempo"] = std::strtod(format("%.7g", bpm).c_str(), nullptr);
+                  item["tempo"] = shortestDecimal(tempo.tempo());
                   return true;
               });
     writeList(out, "timeSignatures", storage.timeSignatureEntries(),
