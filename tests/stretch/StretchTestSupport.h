@@ -10,7 +10,6 @@
 #include <memory>
 #include <numbers>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -50,8 +49,8 @@ public:
         return static_cast<BufferSource*>(owner)->supply(channelData, frames);
     }
 
-    /// Starts again from input frame 0 (with a stretcher reset).
-    void rewind() noexcept { mPosition = 0; }
+    /// Moves the next pull to input frame position (what the engine does on a seek).
+    void seek(long long position) noexcept { mPosition = position; }
 
     const std::vector<Pull>& pulls() const { return mPulls; }
     long long position() const { return mPosition; }
@@ -161,15 +160,16 @@ struct OnsetErrors {
     double highest() const { return errors.empty() ? 0.0 : *std::max_element(errors.begin(), errors.end()); }
 };
 
-/// Click positions for a train: one per spacing input frames, each moved by a random amount
-/// below 1024 frames so that the clicks fall at every phase of the stretcher's hops.
+/// Click positions for a train: one per spacing input frames, each moved on by a different
+/// fraction of 1024 frames (evenly spread, starting at a phase chosen by seed) so that the clicks
+/// fall at every phase of the stretcher's hops alike and their mean error is the stretcher's.
 inline std::vector<long long> clickPositions(int count, long long first, long long spacing,
                                              std::uint32_t seed)
 {
-    std::mt19937 random(seed);
     std::vector<long long> at;
     for (int i = 0; i < count; ++i) {
-        at.push_back(first + i * spacing + (long long)(random() % 1024));
+        const long long phase = (long long)((seed * 97u + (std::uint32_t)i * 1024u / (std::uint32_t)count) % 1024u);
+        at.push_back(first + i * spacing + phase);
     }
     return at;
 }
@@ -220,38 +220,25 @@ inline Channels sineSignal(int channels, long long frames, double hz, double sam
     return signal;
 }
 
-/// The strongest frequency of signal[from, from + length), by a Hann-windowed DFT search
-/// around guessHz (±25 %) refined to 0.01 Hz steps. Independent of any FFT library.
-inline double dominantFrequency(const std::vector<float>& signal, std::size_t from,
-                                std::size_t length, double sampleRate, double guessHz)
+/// The frequency of a (near) sine in signal[from, from + length), from the mean distance
+/// between its upward zero crossings (interpolated to a fraction of a frame).
+inline double sineFrequency(const std::vector<float>& signal, std::size_t from, std::size_t length,
+                            double sampleRate)
 {
-    const auto power = [&](double hz) {
-        double re = 0.0, im = 0.0;
-        for (std::size_t i = 0; i < length; ++i) {
-            const double w = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * double(i) / double(length - 1));
-            const double phase = 2.0 * std::numbers::pi * hz * double(i) / sampleRate;
-            re += w * signal[from + i] * std::cos(phase);
-            im -= w * signal[from + i] * std::sin(phase);
-        }
-        return re * re + im * im;
-    };
-    double best = guessHz;
-    double step = guessHz * 0.01;
-    double low = guessHz * 0.75, high = guessHz * 1.25;
-    while (step > 0.005) {
-        double bestPower = -1.0;
-        for (double hz = low; hz <= high; hz += step) {
-            const double p = power(hz);
-            if (p > bestPower) {
-                bestPower = p;
-                best = hz;
+    double first = -1.0, last = -1.0;
+    int crossings = 0;
+    for (std::size_t i = from + 1; i < from + length && i < signal.size(); ++i) {
+        const double a = signal[i - 1], b = signal[i];
+        if (a < 0.0 && b >= 0.0) {
+            const double at = double(i - 1) + a / (a - b);
+            if (crossings == 0) {
+                first = at;
             }
+            last = at;
+            ++crossings;
         }
-        low = best - step;
-        high = best + step;
-        step /= 5.0;
     }
-    return best;
+    return crossings < 2 ? 0.0 : double(crossings - 1) * sampleRate / (last - first);
 }
 
 /// Root mean square of signal[from, from + length).

@@ -12,6 +12,15 @@ struct DiracInstance {
     std::unique_ptr<detail::Stretcher> stretcher;
 };
 
+namespace detail {
+
+Stretcher* stretcherOf(DiracInstance* instance) noexcept
+{
+    return instance != nullptr ? instance->stretcher.get() : nullptr;
+}
+
+} // namespace detail
+
 DiracInstance* DiracCreate(long lambda, long quality, long channelCount, double sampleRate,
                            DiracInputCallback callback, void* owner, long maxFramesPerCall)
 {

@@ -14,9 +14,13 @@ int rubberBandOptionsFor(StretchLevel level) noexcept
     case StretchLevel::best:
         return common | RB::OptionEngineFiner;
     case StretchLevel::lowCPU:
+        // Crisp transients, although smooth ones would skip the phase resets: in R2 a smooth
+        // stretcher keeps phase state across reset(), so after playing at one factor it plays
+        // steady tones up to 5 dB weaker at another; crisp resets phases at the start, and with
+        // the short window and independent phases it is also the cheapest combination.
         return common | RB::OptionEngineFaster | RB::OptionWindowShort |
-               RB::OptionPhaseIndependent | RB::OptionTransientsSmooth |
-               RB::OptionSmoothingOff | RB::OptionPitchHighSpeed;
+               RB::OptionPhaseIndependent | RB::OptionTransientsCrisp |
+               RB::OptionDetectorCompound | RB::OptionSmoothingOff | RB::OptionPitchHighSpeed;
     case StretchLevel::good:
         break;
     }

@@ -20,7 +20,7 @@ inline constexpr long kDiracQualityBest = 303;
 /// | 300     | 206    | good   | R2 "faster" with its standard settings: crisp transients,    |
 /// |         |        |        | compound detector, laminar phase, standard window            |
 /// | 300     | 200    | lowCPU | R2 with its cheapest settings: short window, independent     |
-/// |         |        |        | phase, smooth transients (no phase resets)                   |
+/// |         |        |        | phase (crisp transients: see rubberBandOptionsFor)           |
 /// | other   | other  | good   | (fallback)                                                   |
 ///
 /// Every level runs in real-time mode (OptionProcessRealTime), one thread, channels apart.

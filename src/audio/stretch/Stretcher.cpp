@@ -80,12 +80,14 @@ struct Stretcher::Lane {
     long pullFrames = 0; ///< input block size while this lane needs input
 
     // Render side, once taken.
+    Frame startPosition = 0;  ///< the lane's first input frame (after its start pad)
     Frame inputPosition = 0;  ///< next input frame (history position) to feed
     long pendingZeros = 0;    ///< silent output frames still to produce first
     long pendingDiscard = 0;  ///< Rubber Band output frames still to throw away
     double outputOrigin = 0;  ///< output frame that the lane's output frame 0 lands on
     Frame emitted = 0;        ///< lane output frames produced or skipped since its start
     bool silentInput = false; ///< fading out after a restart: fed silence, not history
+    float polarity = 1.0f;    ///< -1 when the lane faded in turned over (see chooseCrossfade)
 };
 
 Stretcher::Stretcher(const Config& config, InputCallback callback, void* owner)
@@ -120,6 +122,7 @@ bool Stretcher::build()
     {
         RubberBandStretcher probe(rate, 1, mLogger, options);
         const long pad = long(probe.getPreferredStartPad());
+        mUnityStartPad = pad;
         mWindowRatio = double(pad) / double(kReferencePad[int(mConfig.level)]);
         mWindowScale = std::max(1, int(std::lround(mWindowRatio)));
     }
@@ -154,8 +157,8 @@ bool Stretcher::build()
     }
 
     // Each lane is built at the extreme factors, so that Rubber Band sizes its buffers for
-    // them, and run briefly so that what it makes lazily exists before the render thread needs
-    // it. In particular its resampler keeps two filter states and, when a lane starts after a
+    // them (later setters only ever grow them, on the control thread), and run briefly so that
+    // what it makes lazily exists before the render thread needs it. In particular its resampler keeps two filter states and, when a lane starts after a
     // reset, builds the state for the lane's ratio by copying the other one if that is at least
     // as large, and allocates otherwise: the warm-up leaves both states at the size of the
     // largest pitch factor (a ratio change without a reset swaps them).
@@ -173,23 +176,18 @@ bool Stretcher::build()
     };
     // The largest pitch factor needs the largest filter state; the second step changes the
     // ratio without changing where R2 resamples (before stretching, for factors above 1), so
-    // that the states swap instead of being reset. The last two run R2 at the extreme time
-    // factors.
+    // that the states swap instead of being reset.
     const WarmUp warmUps[] = {
         {1.0, kMaxPitchFactor, true},
         {1.0, 1.5, false},
-        {kMinTimeFactor, 1.0, true},
-        {kMaxTimeFactor, 1.0, true},
     };
-    const int warmUpSteps = mConfig.level == StretchLevel::best ? 2 : 4;
     for (auto& lane : mLanes) {
         lane = std::make_unique<Lane>();
         lane->rb = std::make_unique<RubberBandStretcher>(rate, channels, mLogger, options,
                                                          kMaxTimeFactor, kMinPitchFactor);
         RubberBandStretcher& rb = *lane->rb;
         rb.setMaxProcessSize(std::size_t(mMaxFeedFrames));
-        for (int step = 0; step < warmUpSteps; ++step) {
-            const WarmUp& warmUp = warmUps[step];
+        for (const WarmUp& warmUp : warmUps) {
             if (warmUp.reset) {
                 rb.reset();
             }
@@ -320,6 +318,11 @@ StretchParameters Stretcher::parameters() const noexcept
     return {mTimeFactor.load(), mPitchFactor.load(), mPreserveFormants.load()};
 }
 
+int Stretcher::engineVersion() const noexcept
+{
+    return mLanes[0]->rb->getEngineVersion();
+}
+
 Stretcher::Statistics Stretcher::statistics() const noexcept
 {
     Statistics statistics;
@@ -368,13 +371,21 @@ void Stretcher::renderSlice(float* const* output, long frames) noexcept
     renderLane(*mActive, output, frames);
     if (mPhase == Phase::crossfading) {
         renderLane(*mIncoming, mMixPointers.data(), frames);
+        if (mFadePosition == 0) {
+            chooseCrossfade(output, frames);
+        }
         for (int c = 0; c < mConfig.channels; ++c) {
             float* out = output[c];
             const float* in = mMixPointers[std::size_t(c)];
             for (long i = 0; i < frames; ++i) {
                 const long t = std::min(mFadePosition + i, mCrossfadeFrames);
-                out[i] = out[i] * mFadeIn[std::size_t(mCrossfadeFrames - t)] +
-                         in[i] * mFadeIn[std::size_t(t)];
+                // Fade-out gain a, and the fade-in gain that keeps the power of a mix of two
+                // signals with correlation r: a^2 + b^2 + 2rab = 1 (equal power for r = 0,
+                // linear for r = 1).
+                const double a = mFadeIn[std::size_t(mCrossfadeFrames - t)];
+                const double r = mFadeCorrelation;
+                const double b = -r * a + std::sqrt(std::max(0.0, 1.0 - a * a * (1.0 - r * r)));
+                out[i] = float(out[i] * a + in[i] * b);
             }
         }
         mFadePosition += frames;
@@ -451,10 +462,12 @@ void Stretcher::restartTimeline(Lane& lane) noexcept
     mSegmentTimeFactor = mTimeFactor.load();
     mRestarts.fetch_add(1);
 
+    lane.startPosition = 0;
     lane.inputPosition = -lane.pad;
     lane.outputOrigin = 0.0;
     lane.emitted = 0;
     lane.silentInput = false;
+    lane.polarity = 1.0f;
     lane.pendingZeros = std::max(-lane.drop, 0L);
     lane.pendingDiscard = std::max(lane.drop, 0L);
 
@@ -478,10 +491,12 @@ void Stretcher::beginPriming(Lane& lane) noexcept
     // carries input start + j / timeFactor, which the mapping puts at output origin + j.
     const double input = targetInputFrame(double(mOutputFrames));
     const auto start = Frame(std::floor(input));
+    lane.startPosition = start;
     lane.inputPosition = start - lane.pad;
     lane.outputOrigin = mSegmentOutput + (double(start) - mSegmentInput) * mSegmentTimeFactor;
     lane.emitted = 0;
     lane.silentInput = false;
+    lane.polarity = mActive != nullptr ? mActive->polarity : 1.0f;
     lane.pendingZeros = std::max(-lane.drop, 0L);
     lane.pendingDiscard = std::max(lane.drop, 0L);
     mIncoming = &lane;
@@ -498,6 +513,36 @@ bool Stretcher::advancePriming() noexcept
         skipLane(lane, long(missing), kPrimeFeedsPerSlice);
     }
     return lane.emitted >= target;
+}
+
+void Stretcher::chooseCrossfade(float* const* fadingOut, long frames) noexcept
+{
+    // Both lanes carry the same music, so on steady sounds they can be strongly correlated,
+    // or anti-correlated: an equal-power fade would then swell or cancel in the middle. Measure
+    // the correlation on the first slice, turn the incoming lane over if it is negative (a
+    // whole lane's polarity is inaudible; it keeps it until it hands over in turn), and fade
+    // with the law that keeps the power for that correlation.
+    double ab = 0.0, aa = 0.0, bb = 0.0;
+    for (int c = 0; c < mConfig.channels; ++c) {
+        const float* a = fadingOut[c];
+        const float* b = mMixPointers[std::size_t(c)];
+        for (long i = 0; i < frames; ++i) {
+            ab += double(a[i]) * double(b[i]);
+            aa += double(a[i]) * double(a[i]);
+            bb += double(b[i]) * double(b[i]);
+        }
+    }
+    const double correlation = aa > 0.0 && bb > 0.0 ? ab / std::sqrt(aa * bb) : 0.0;
+    if (correlation < 0.0) {
+        mIncoming->polarity = -mIncoming->polarity;
+        for (int c = 0; c < mConfig.channels; ++c) {
+            float* b = mMixPointers[std::size_t(c)];
+            for (long i = 0; i < frames; ++i) {
+                b[i] = -b[i];
+            }
+        }
+    }
+    mFadeCorrelation = std::min(std::fabs(correlation), 1.0);
 }
 
 void Stretcher::finishCrossfade() noexcept
@@ -552,7 +597,16 @@ void Stretcher::renderLane(Lane& lane, float* const* output, long frames) noexce
             for (int c = 0; c < channels; ++c) {
                 to[std::size_t(c)] = output[c] + produced;
             }
-            produced += long(rb.retrieve(to.data(), std::size_t(wanted)));
+            const long got = long(rb.retrieve(to.data(), std::size_t(wanted)));
+            if (lane.polarity < 0.0f) {
+                for (int c = 0; c < channels; ++c) {
+                    float* turned = to[std::size_t(c)];
+                    for (long i = 0; i < got; ++i) {
+                        turned[i] = -turned[i];
+                    }
+                }
+            }
+            produced += got;
             continue;
         }
         if (feeds == kMaxFeedsPerSlice || !feedLane(lane)) {
@@ -605,6 +659,12 @@ bool Stretcher::feedLane(Lane& lane) noexcept
         frames = 512; // Rubber Band wants nothing yet nothing is available: nudge it
     }
     frames = std::min(frames, mMaxFeedFrames);
+    if (lane.inputPosition < lane.startPosition) {
+        // The start pad goes in a call of its own, as Rubber Band expects it: R2 handles one
+        // hop per call, so a first call that also carried input would leave it a backlog (and
+        // more latency) for good.
+        frames = std::min(frames, long(lane.startPosition - lane.inputPosition));
+    }
     if (lane.silentInput) {
         for (int c = 0; c < mConfig.channels; ++c) {
             std::fill_n(mFeedPointers[std::size_t(c)], frames, 0.0f);

@@ -80,7 +80,8 @@ public:
     static constexpr double kMaxTimeFactor = 8.0;
     static constexpr double kMinPitchFactor = 0.25;
     static constexpr double kMaxPitchFactor = 4.0;
-    /// Pitch factors are rounded to kPitchDenominator / n (n whole): steps of 0.2 cent or less.
+    /// Pitch factors are rounded to kPitchDenominator / n (n whole): 0.21 cent at most up to a
+    /// factor of 2, 0.42 at 4.
     static constexpr long kPitchDenominator = 8192;
     /// Bounds of one pull, at window scale 1 (44.1 / 48 kHz); they double with the window.
     static constexpr long kMinPullFrames = 4096;
@@ -111,6 +112,11 @@ public:
     double sampleRate() const noexcept { return mConfig.sampleRate; }
     /// Rubber Band's window relative to 44.1 kHz: 1 at 44.1/48 kHz, 2 at 88.2/96 kHz.
     double windowRatio() const noexcept { return mWindowRatio; }
+
+    /// The Rubber Band engine the level runs: 3 (R3, "finer") or 2 (R2, "faster").
+    int engineVersion() const noexcept;
+    /// Rubber Band's preferred start pad at unity factors: its analysis half-window.
+    long unityStartPad() const noexcept { return mUnityStartPad; }
 
     /// The pitch factor Rubber Band is given for a requested one.
     static double roundedPitchFactor(double pitchFactor) noexcept;
@@ -145,6 +151,7 @@ private:
     VELL_RT void restartTimeline(Lane& lane) noexcept;
     VELL_RT void beginPriming(Lane& lane) noexcept;
     VELL_RT bool advancePriming() noexcept;
+    VELL_RT void chooseCrossfade(float* const* fadingOut, long frames) noexcept;
     VELL_RT void finishCrossfade() noexcept;
     VELL_RT void giveBack(Lane*& lane) noexcept;
     VELL_RT void renderLane(Lane& lane, float* const* output, long frames) noexcept;
@@ -158,6 +165,7 @@ private:
     const InputCallback mCallback;
     void* const mOwner;
     double mWindowRatio = 1.0;
+    long mUnityStartPad = 0;
     int mWindowScale = 1; ///< mWindowRatio, at least 1: buffer sizes grow with it
     long mCrossfadeFrames = 1024;
     long mMaxFeedFrames = 0;
@@ -179,6 +187,7 @@ private:
     Lane* mIncoming = nullptr;
     Phase mPhase = Phase::idle;
     long mFadePosition = 0;
+    double mFadeCorrelation = 0.0; ///< of the two lanes in the current fade, 0 .. 1
     Frame mOutputFrames = 0; ///< output frames written since the last restart
     Frame mPulled = 0;       ///< input frames pulled since the last restart
     double mSegmentOutput = 0.0; ///< the frame mapping's current piece: output frame ...
@@ -206,5 +215,8 @@ private:
     VELL_STATIC_ASSERT_LOCK_FREE(double);
     VELL_STATIC_ASSERT_LOCK_FREE(std::uint64_t);
 };
+
+/// The stretcher behind a Dirac handle (null for null). Thread: any.
+Stretcher* stretcherOf(DiracInstance* instance) noexcept;
 
 } // namespace vell::detail
