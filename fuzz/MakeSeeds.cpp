@@ -116,7 +116,7 @@ void chordNames(const fs::path& dir)
         ++index;
     }
     const char* names[] = {"Am7/G", "  F#maj7  ", "Bb/D", "C#m7b5", "Abm(maj7)/Eb", "Gsus",
-                           "E-7", "Dbdim7/Fb", "B+", "cmaj9", "Ebb7sus4/Cbb"};
+                           "E-7", "Dbdim7/Fb", "B+", "C#maj9", "Ebb7sus4/Cbb"};
     for (const char* name : names) {
         write(dir / ("name-" + std::to_string(index++ - 20)), std::string(name));
     }
