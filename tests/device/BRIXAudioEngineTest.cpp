@@ -1,7 +1,6 @@
 // The buffer-player engine on the null device: mixing and output volume, real-time playback
 // with completions off the render thread, completions of queued buffers on stop, a worker that
-// keeps the player fed and must end after a stop, device selection, and a render path that
-// allocates nothing.
+// keeps the player fed and must end after a stop, and a render path that allocates nothing.
 #include "audio/bufferplayer/BRIXAudioEngine.h"
 
 #include "RealtimeGuard.h"
@@ -10,7 +9,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <semaphore>
 #include <thread>
 
@@ -32,6 +30,16 @@ std::shared_ptr<BRIXAudioPCMBuffer> constantBuffer(std::uint32_t channels, std::
     return buffer;
 }
 
+/// Polls until done() holds or patience runs out; returns whether it held.
+template <class Done> bool waitUntil(Done done, Clock::duration patience = kPatience)
+{
+    const auto deadline = Clock::now() + patience;
+    while (!done() && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return done();
+}
+
 /// Completion handlers record here, from whatever thread runs them.
 struct Completions {
     std::mutex mutex;
@@ -48,15 +56,10 @@ struct Completions {
             changed.notify_all();
         };
     }
-    bool waitFor(std::size_t count)
+    bool waitFor(std::size_t count, Clock::duration patience = kPatience)
     {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, kPatience, [&] { return order.size() >= count; });
-    }
-    std::size_t size()
-    {
-        std::lock_guard lock(mutex);
-        return order.size();
+        return changed.wait_for(lock, patience, [&] { return order.size() >= count; });
     }
 };
 
@@ -70,6 +73,16 @@ protected:
                                    makeFloatNonInterleavedFormat(44100, 2)));
     }
 
+    /// Schedules count buffers of frames frames whose completions record their number.
+    void schedule(int first, int count, std::uint32_t frames)
+    {
+        for (int i = first; i < first + count; ++i) {
+            ASSERT_TRUE(
+                player->scheduleBuffer(constantBuffer(2, frames, 0.1f), completions.handler(i)));
+        }
+    }
+
+    Completions completions; // first in, last out: handlers run while the engine goes
     std::shared_ptr<BRIXAudioPlayerNode> player = std::make_shared<BRIXAudioPlayerNode>();
     BRIXAudioEngine engine;
 };
@@ -80,7 +93,7 @@ TEST_F(BRIXAudioEngineTest, MixesItsNodesAndAppliesTheOutputVolume)
     ASSERT_TRUE(engine.attachNode(second));
     ASSERT_TRUE(
         engine.connect(second, engine.mainMixerNode(), makeFloatNonInterleavedFormat(44100, 1)));
-    EXPECT_EQ(engine.outputFormat().mChannelsPerFrame, 2u);
+    EXPECT_EQ(engine.outputFormat().mChannelsPerFrame, 2u); // the widest connection
     EXPECT_EQ(engine.outputFormat().mSampleRate, 44100.0);
 
     ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 64, 0.25f)));
@@ -88,7 +101,6 @@ TEST_F(BRIXAudioEngineTest, MixesItsNodesAndAppliesTheOutputVolume)
     player->play();
     second->play();
     engine.mainMixerNode().setOutputVolume(0.5f);
-    EXPECT_EQ(engine.mainMixerNode().outputVolume(), 0.5f);
 
     std::vector<float> left(64, 9.0f), right(64, 9.0f); // stale contents are overwritten
     float* channels[2] = {left.data(), right.data()};
@@ -100,7 +112,7 @@ TEST_F(BRIXAudioEngineTest, MixesItsNodesAndAppliesTheOutputVolume)
     }
 }
 
-TEST_F(BRIXAudioEngineTest, RefusesConnectionsItCannotServe)
+TEST_F(BRIXAudioEngineTest, RefusesConnectionsDevicesAndNodesItCannotServe)
 {
     auto stranger = std::make_shared<BRIXAudioPlayerNode>();
     EXPECT_FALSE(
@@ -110,22 +122,25 @@ TEST_F(BRIXAudioEngineTest, RefusesConnectionsItCannotServe)
         engine.connect(player, engine.mainMixerNode(), makeFloatNonInterleavedFormat(48000, 2)));
     EXPECT_FALSE(engine.attachNode(player)) << "already attached";
     EXPECT_FALSE(engine.attachNode(nullptr));
+
+    Error error;
+    EXPECT_FALSE(engine.setDeviceID(987654, &error));
+    EXPECT_FALSE(error.domain().empty());
+    EXPECT_EQ(engine.deviceID(), kNullAudioDeviceID);
 }
 
 TEST_F(BRIXAudioEngineTest, PlaysAtTheDevicesPaceAndCompletesInOrderOnItsOwnThread)
 {
-    Completions completions;
-    constexpr int kBuffers = 5;
-    for (int i = 0; i < kBuffers; ++i) {
-        ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 2205, 0.1f), completions.handler(i)));
-    }
+    schedule(0, 5, 2205);
     const auto begin = Clock::now();
     ASSERT_TRUE(engine.start());
     EXPECT_TRUE(engine.isRunning());
     ASSERT_NE(engine.outputStream(), nullptr);
     EXPECT_EQ(engine.outputStream()->device(), kNullAudioDeviceID);
     player->play();
-    ASSERT_TRUE(completions.waitFor(kBuffers));
+    ASSERT_TRUE(completions.waitFor(1));
+    EXPECT_TRUE(engine.setDeviceID(kNullAudioDeviceID)); // re-selected: the queue plays on
+    ASSERT_TRUE(completions.waitFor(5));
     const double elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
     engine.stop();
 
@@ -140,11 +155,7 @@ TEST_F(BRIXAudioEngineTest, PlaysAtTheDevicesPaceAndCompletesInOrderOnItsOwnThre
 
 TEST_F(BRIXAudioEngineTest, StoppingDeliversTheCompletionsOfBuffersStillQueued)
 {
-    Completions completions;
-    for (int i = 0; i < 10; ++i) {
-        // A second each: none of them finishes playing before the stop.
-        ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 44100, 0.1f), completions.handler(i)));
-    }
+    schedule(0, 10, 44100); // a second each: none finishes playing before the stop
     ASSERT_TRUE(engine.start());
     player->play();
     engine.stop();
@@ -154,14 +165,13 @@ TEST_F(BRIXAudioEngineTest, StoppingDeliversTheCompletionsOfBuffersStillQueued)
     EXPECT_NE(completions.threads.front(), std::this_thread::get_id());
 
     // While stopped under a playing node, a new buffer cannot play and completes at once.
-    ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 44100, 0.1f), completions.handler(10)));
+    schedule(10, 1, 44100);
     ASSERT_TRUE(completions.waitFor(11));
 
     // Once the node is stopped, buffers wait for the next start again.
     player->stop();
-    ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 4410, 0.1f), completions.handler(11)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(completions.size(), 11u);
+    schedule(11, 1, 4410);
+    EXPECT_FALSE(completions.waitFor(12, std::chrono::milliseconds(50)));
     const auto begin = Clock::now();
     ASSERT_TRUE(engine.start());
     player->play();
@@ -174,26 +184,19 @@ TEST_F(BRIXAudioEngineTest, StoppingDeliversTheCompletionsOfBuffersStillQueued)
 /// slot, until its run flag is cleared.
 class FeedingWorker {
 public:
-    explicit FeedingWorker(std::shared_ptr<BRIXAudioPlayerNode> node) : mNode(std::move(node))
-    {
-        for (auto& buffer : mBuffers) {
-            buffer = constantBuffer(2, 1024, 0.1f);
-        }
-    }
+    explicit FeedingWorker(std::shared_ptr<BRIXAudioPlayerNode> node) : mNode(std::move(node)) {}
 
     void spawn()
     {
         mRun = true;
-        std::promise<void> exit;
-        mExit = exit.get_future();
-        std::thread([this, exit = std::move(exit)]() mutable {
+        mExited = false;
+        std::thread([this] {
             while (mRun) {
                 mFree.acquire();
-                const int k = mCounter++;
-                mNode->scheduleBuffer(mBuffers[static_cast<std::size_t>(k) % mBuffers.size()],
-                                      [this] { mFree.release(); });
+                mNode->scheduleBuffer(mBuffer, [this] { mFree.release(); });
+                ++mScheduled;
             }
-            exit.set_value();
+            mExited = true;
         }).detach();
     }
 
@@ -201,91 +204,48 @@ public:
     bool terminate()
     {
         mRun = false;
-        return mExit.wait_for(kPatience) == std::future_status::ready;
+        return waitUntil([this] { return mExited.load(); });
     }
 
-    int scheduled() const { return mCounter.load(); }
+    int scheduled() const { return mScheduled.load(); }
 
 private:
     std::shared_ptr<BRIXAudioPlayerNode> mNode;
-    std::array<std::shared_ptr<BRIXAudioPCMBuffer>, 3> mBuffers;
+    std::shared_ptr<BRIXAudioPCMBuffer> mBuffer = constantBuffer(2, 1024, 0.1f);
     std::counting_semaphore<3> mFree{3};
     std::atomic<bool> mRun{false};
-    std::atomic<int> mCounter{0};
-    std::future<void> mExit;
+    std::atomic<bool> mExited{true};
+    std::atomic<int> mScheduled{0};
 };
 
 TEST_F(BRIXAudioEngineTest, AWorkerFeedingThePlayerEndsAfterEveryStop)
 {
+    // Stopped after playing a while (three times), at once after starting, and never started.
     FeedingWorker worker(player);
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 5; ++round) {
         SCOPED_TRACE(round);
         const int before = worker.scheduled();
         worker.spawn();
-        ASSERT_TRUE(engine.start());
-        player->play();
-        // Let it play a few buffers: the worker keeps scheduling as they complete.
-        const auto deadline = Clock::now() + kPatience;
-        while (worker.scheduled() < before + 6 && Clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (round < 4) {
+            ASSERT_TRUE(engine.start());
+            player->play();
         }
-        EXPECT_GE(worker.scheduled(), before + 6);
+        if (round < 3) { // playing, the worker keeps scheduling as buffers complete
+            EXPECT_TRUE(waitUntil([&] { return worker.scheduled() >= before + 6; }));
+        } else if (round == 4) { // never started: it fills the queue and waits
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
         engine.stop();
         ASSERT_TRUE(worker.terminate()) << "the worker waits for a completion that never comes";
         player->stop();
     }
-
-    // Stopping right after starting, and stopping an engine that never ran, end it too.
-    worker.spawn();
-    ASSERT_TRUE(engine.start());
-    player->play();
-    engine.stop();
-    ASSERT_TRUE(worker.terminate());
-    player->stop();
-
-    worker.spawn();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // three buffers queued, waiting
-    engine.stop();
-    ASSERT_TRUE(worker.terminate());
-    player->stop();
-
     // The handlers refer to the worker: let the last of them run before it goes.
-    const auto deadline = Clock::now() + kPatience;
-    while (player->queuedBufferCount() > 0 && Clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_EQ(player->queuedBufferCount(), 0u);
-}
-
-TEST_F(BRIXAudioEngineTest, SelectsDevicesAndMovesARunningStream)
-{
-    Error error;
-    EXPECT_FALSE(engine.setDeviceID(987654, &error));
-    EXPECT_FALSE(error.domain().empty());
-    EXPECT_EQ(engine.deviceID(), kNullAudioDeviceID);
-
-    Completions completions;
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 2205, 0.1f), completions.handler(i)));
-    }
-    ASSERT_TRUE(engine.start());
-    player->play();
-    ASSERT_TRUE(completions.waitFor(1));
-    // Re-selecting the device moves the stream; the queue plays on.
-    BRIXAudioHardware::shared().setNullDeviceSampleRate(48000);
-    EXPECT_TRUE(engine.setDeviceID(kNullAudioDeviceID));
-    ASSERT_TRUE(completions.waitFor(4));
-    EXPECT_EQ(completions.order, (std::vector<int>{0, 1, 2, 3}));
-    BRIXAudioHardware::shared().setNullDeviceSampleRate(0);
-    engine.stop();
+    EXPECT_TRUE(waitUntil([&] { return player->queuedBufferCount() == 0; }));
 }
 
 TEST_F(BRIXAudioEngineTest, RenderingAllocatesFreesAndLocksNothing)
 {
-    Completions completions;
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_TRUE(player->scheduleBuffer(constantBuffer(2, 700, 0.1f), completions.handler(i)));
-    }
+    schedule(0, 4, 700);
     player->play();
     engine.mainMixerNode().setOutputVolume(0.8f);
     std::vector<float> left(512), right(512);

@@ -1,16 +1,17 @@
 // A small program the device tests run under a private sound server: plays a sine through the
 // default output, or watches the default output while a command changes it.
 //
-//   vell_device_probe sine [--frequency HZ] [--seconds S] [--rate HZ] [--device NAME]
+//   vell_device_probe sine [--frequency HZ] [--seconds S] [--rate HZ]
 //                          [--pause-after S]   (stops there for 0.4 s, then starts again)
 //   vell_device_probe watch-default --command "SHELL COMMAND" [--seconds S]
 //   vell_device_probe list
 #include "platform/MainQueue.h"
 #include "platform/device/BRIXAudioHardware.h"
 
+#include "DeviceTestSignals.h"
+
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,28 +21,6 @@
 using namespace vell;
 
 namespace {
-
-struct Sine {
-    double phase = 0;
-    double step = 0;
-    float amplitude = 0.5f;
-};
-
-void renderSine(void* context, float* const* channels, std::uint32_t channelCount,
-                std::uint32_t frameCount, const AudioTimeStamp&) noexcept
-{
-    auto* sine = static_cast<Sine*>(context);
-    for (std::uint32_t i = 0; i < frameCount; ++i) {
-        const float value = sine->amplitude * static_cast<float>(std::sin(sine->phase));
-        sine->phase += sine->step;
-        if (sine->phase > 2 * M_PI) {
-            sine->phase -= 2 * M_PI;
-        }
-        for (std::uint32_t c = 0; c < channelCount; ++c) {
-            channels[c][i] = value;
-        }
-    }
-}
 
 const char* option(int argc, char** argv, const char* name, const char* fallback)
 {
@@ -76,52 +55,44 @@ int list()
     return 0;
 }
 
+int fail(const std::string& message)
+{
+    std::fprintf(stderr, "%s\n", message.c_str());
+    return 1;
+}
+
 int sine(int argc, char** argv)
 {
-    const double frequency = std::atof(option(argc, argv, "--frequency", "1000"));
+    test::SineSource source;
+    source.frequency = std::atof(option(argc, argv, "--frequency", "1000"));
+    source.sampleRate = std::atof(option(argc, argv, "--rate", "44100"));
     const double seconds = std::atof(option(argc, argv, "--seconds", "1.5"));
-    const double rate = std::atof(option(argc, argv, "--rate", "44100"));
-    const char* deviceName = option(argc, argv, "--device", nullptr);
-    const double pauseAfter = std::atof(option(argc, argv, "--pause-after", "0"));
+    double pauseAfter = std::atof(option(argc, argv, "--pause-after", "0"));
+    pauseAfter = pauseAfter < seconds ? pauseAfter : 0;
 
     BRIXAudioHardware& hardware = BRIXAudioHardware::shared();
-    AudioDeviceID device = hardware.defaultOutputDeviceID();
-    if (deviceName) {
-        std::optional<AudioDeviceID> named = hardware.deviceNamed(deviceName);
-        if (!named) {
-            std::fprintf(stderr, "no device named %s\n", deviceName);
-            return 1;
-        }
-        device = *named;
-    }
-    Sine state;
-    state.step = 2 * M_PI * frequency / rate;
     Error error;
     std::unique_ptr<AudioOutputStream> stream =
-        hardware.openOutputStream(device, rate, 2, 512, &renderSine, &state, &error);
+        hardware.openOutputStream(hardware.defaultOutputDeviceID(), source.sampleRate, 2, 512,
+                                  &test::SineSource::render, &source, &error);
     if (!stream) {
-        std::fprintf(stderr, "%s\n", error.description().c_str());
-        return 1;
+        return fail(error.description());
     }
     if (stream->start() != noErr) {
-        std::fprintf(stderr, "the stream did not start\n");
-        return 1;
+        return fail("the stream did not start");
     }
-    if (pauseAfter > 0 && pauseAfter < seconds) {
-        std::this_thread::sleep_for(std::chrono::duration<double>(pauseAfter));
+    auto wait = [](double s) { std::this_thread::sleep_for(std::chrono::duration<double>(s)); };
+    if (pauseAfter > 0) {
+        wait(pauseAfter);
         if (stream->stop() != noErr || stream->isRunning()) {
-            std::fprintf(stderr, "the stream did not stop\n");
-            return 1;
+            return fail("the stream did not stop");
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        wait(0.4);
         if (stream->start() != noErr || !stream->isRunning()) {
-            std::fprintf(stderr, "the stream did not start again\n");
-            return 1;
+            return fail("the stream did not start again");
         }
-        std::this_thread::sleep_for(std::chrono::duration<double>(seconds - pauseAfter));
-    } else {
-        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     }
+    wait(seconds - pauseAfter);
     stream->stop();
     std::printf("device %u rate %g latency %g s + %u + %u frames\n", stream->device(),
                 stream->sampleRate(), stream->outputStageLatencySeconds(),
@@ -143,14 +114,11 @@ int watchDefault(int argc, char** argv)
     std::atomic<bool> onMainQueue{true};
     BRIXAudioHardware::ListenerToken token =
         BRIXAudioHardware::shared().addDefaultOutputDeviceListener([&] {
-            if (!MainQueue::main().isCurrent()) {
-                onMainQueue = false;
-            }
+            onMainQueue = onMainQueue && MainQueue::main().isCurrent();
             ++calls;
         });
     if (std::system(command) != 0) {
-        std::fprintf(stderr, "the command failed: %s\n", command);
-        return 1;
+        return fail(std::string("the command failed: ") + command);
     }
     queue.runUntil([&] { return calls.load() > 0; },
                    queue.now() + std::chrono::duration_cast<MainQueue::Clock::duration>(

@@ -11,27 +11,40 @@
 
 namespace vell::test {
 
-/// A sine on every channel, with a record of what the device asked for. Real-time safe.
-struct SineSource {
-    double frequency = 1000;
-    double sampleRate = 44100;
-    float amplitude = 0.5f;
-    double phase = 0;
+/// What a render procedure was asked for: frames, calls, the largest request, and whether the
+/// time stamps ran on from 0 without a gap. Real-time safe.
+struct RenderRecord {
     std::atomic<std::uint64_t> frames{0};
     std::atomic<std::uint32_t> calls{0};
     std::atomic<std::uint32_t> largestRequest{0};
     std::atomic<bool> timeStampsContiguous{true};
     double nextSampleTime = 0;
 
+    void note(const AudioTimeStamp& timeStamp, std::uint32_t frameCount) noexcept
+    {
+        if (timeStamp.mSampleTime != nextSampleTime ||
+            (timeStamp.mFlags & kAudioTimeStampSampleTimeValid) == 0) {
+            timeStampsContiguous = false;
+        }
+        nextSampleTime = timeStamp.mSampleTime + frameCount;
+        frames += frameCount;
+        ++calls;
+        largestRequest = std::max(largestRequest.load(), frameCount);
+    }
+};
+
+/// A sine on every channel.
+struct SineSource : RenderRecord {
+    double frequency = 1000;
+    double sampleRate = 44100;
+    float amplitude = 0.5f;
+    double phase = 0;
+
     static void render(void* context, float* const* channels, std::uint32_t channelCount,
                        std::uint32_t frameCount, const AudioTimeStamp& timeStamp) noexcept
     {
         auto* self = static_cast<SineSource*>(context);
-        if (timeStamp.mSampleTime != self->nextSampleTime ||
-            (timeStamp.mFlags & kAudioTimeStampSampleTimeValid) == 0) {
-            self->timeStampsContiguous = false;
-        }
-        self->nextSampleTime = timeStamp.mSampleTime + frameCount;
+        self->note(timeStamp, frameCount);
         const double step = 2 * M_PI * self->frequency / self->sampleRate;
         for (std::uint32_t i = 0; i < frameCount; ++i) {
             const float value = self->amplitude * static_cast<float>(std::sin(self->phase));
@@ -39,11 +52,6 @@ struct SineSource {
             for (std::uint32_t c = 0; c < channelCount; ++c) {
                 channels[c][i] = value;
             }
-        }
-        self->frames += frameCount;
-        ++self->calls;
-        if (frameCount > self->largestRequest) {
-            self->largestRequest = frameCount;
         }
     }
 };
@@ -55,14 +63,9 @@ inline double zeroCrossingFrequency(const std::vector<float>& samples, double sa
     int crossings = 0;
     for (std::size_t i = 1; i < samples.size(); ++i) {
         if (samples[i - 1] < 0 && samples[i] >= 0) {
-            const double at =
-                static_cast<double>(i - 1) + samples[i - 1] / (samples[i - 1] - samples[i]);
-            if (first < 0) {
-                first = at;
-            } else {
-                ++crossings;
-            }
-            last = at;
+            last = static_cast<double>(i - 1) + samples[i - 1] / (samples[i - 1] - samples[i]);
+            crossings += first < 0 ? 0 : 1;
+            first = first < 0 ? last : first;
         }
     }
     return crossings > 0 ? crossings * sampleRate / (last - first) : 0.0;

@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
@@ -18,22 +17,6 @@ namespace {
 
 constexpr int kSkipped = 77;
 constexpr double kSinkRate = 44100;
-
-std::string wrapperPath()
-{
-    std::vector<std::string> candidates;
-    if (const char* named = std::getenv("VELL_NULL_SINK_WRAPPER")) {
-        candidates.emplace_back(named);
-    }
-    candidates.emplace_back("/work/shared/tools/with-null-sink");
-    candidates.emplace_back(std::string(VELL_SOURCE_DIR) + "/../shared/tools/with-null-sink");
-    for (const std::string& path : candidates) {
-        if (::access(path.c_str(), X_OK) == 0) {
-            return path;
-        }
-    }
-    return {};
-}
 
 std::string shellQuoted(const std::string& text)
 {
@@ -48,26 +31,38 @@ class ServerDeviceTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        wrapper = wrapperPath();
+        const char* named = std::getenv("VELL_NULL_SINK_WRAPPER");
+        for (const std::string& path :
+             {std::string(named ? named : ""), std::string("/work/shared/tools/with-null-sink"),
+              std::string(VELL_SOURCE_DIR) + "/../shared/tools/with-null-sink"}) {
+            if (wrapper.empty() && !path.empty() && ::access(path.c_str(), X_OK) == 0) {
+                wrapper = path;
+            }
+        }
         if (wrapper.empty()) {
             GTEST_SKIP() << "with-null-sink is not here: no sound-server tests";
         }
     }
 
-    /// Runs command under a private server; skips the test when no server can start.
-    std::string underServer(const std::string& command, int* outStatus,
-                            const std::string& capture = {})
+    /// Runs a shell command line under a private server, recording the sink into capture if
+    /// given; sets skipped when no server can start here.
+    std::string underServer(const std::string& command, const std::string& capture = {})
     {
         std::string line = shellQuoted(wrapper);
         if (!capture.empty()) {
             line += " --capture " + shellQuoted(capture);
         }
-        line += " -- " + command + " 2>&1";
-        return commandOutput(line, outStatus);
+        int status = -1;
+        const std::string output =
+            commandOutput(line + " -- sh -c " + shellQuoted(command) + " 2>&1", &status);
+        skipped = status == kSkipped;
+        EXPECT_TRUE(skipped || status == 0) << "exit status " << status << ": " << output;
+        return output;
     }
 
     std::string wrapper;
-    const std::string probe = VELL_DEVICE_PROBE;
+    bool skipped = false;
+    const std::string probe = shellQuoted(VELL_DEVICE_PROBE);
 };
 
 /// The stretches of a capture channel where a tone sounds, found in 10 ms windows.
@@ -100,51 +95,41 @@ TEST_F(ServerDeviceTest, ASineThroughTheDefaultOutputReachesTheSinkAcrossRestart
     const std::string capture = (directory / "sink.f32").string();
     // Played at the sink's rate with a restart in the middle, then once more with the device
     // forced to 48 kHz so the stream resamples.
-    const std::string sine = shellQuoted(probe) + " sine --frequency 1000 --rate 44100";
-    int status = -1;
-    const std::string output =
-        underServer("sh -c " + shellQuoted(sine +
-                                           " --seconds 1.5 --pause-after 0.75 && sleep 0.4 "
-                                           "&& VELL_AUDIO_DEVICE_RATE=48000 " +
-                                           sine + " --seconds 0.75"),
-                    &status, capture);
-    if (status == kSkipped) {
+    const std::string sine = probe + " sine --frequency 1000 --rate 44100";
+    const std::string output = underServer(sine +
+                                               " --seconds 1.5 --pause-after 0.75 && sleep 0.4 && "
+                                               "VELL_AUDIO_DEVICE_RATE=48000 " +
+                                               sine + " --seconds 0.75",
+                                           capture);
+    if (skipped) {
         GTEST_SKIP() << "no sound server could be started here: " << output;
     }
-    ASSERT_EQ(status, 0) << output;
 
-    std::ifstream raw(capture, std::ios::binary | std::ios::ate);
-    const auto bytes = static_cast<std::size_t>(raw.tellg());
-    raw.seekg(0);
-    std::vector<float> samples(bytes / sizeof(float));
-    raw.read(reinterpret_cast<char*>(samples.data()),
-             static_cast<std::streamsize>(samples.size() * sizeof(float)));
-    std::vector<float> left, right;
-    for (std::size_t i = 0; i + 1 < samples.size(); i += 2) {
-        left.push_back(samples[i]);
-        right.push_back(samples[i + 1]);
+    std::ifstream raw(capture, std::ios::binary);
+    std::vector<float> channels[2];
+    for (float frame[2]; raw.read(reinterpret_cast<char*>(frame), sizeof frame);) {
+        channels[0].push_back(frame[0]);
+        channels[1].push_back(frame[1]);
     }
-
-    // Three stretches of tone: before and after the restart, and resampled; each at 1 kHz.
-    const std::vector<std::vector<float>> stretches = soundingStretches(left);
-    ASSERT_EQ(stretches.size(), 3u) << output;
-    for (const std::vector<float>& stretch : stretches) {
-        const double seconds = static_cast<double>(stretch.size()) / kSinkRate;
-        EXPECT_GT(seconds, 0.6) << output;
-        EXPECT_LT(seconds, 0.95) << output;
-        std::vector<float> inner(stretch.begin() + 441, stretch.end() - 441);
-        EXPECT_NEAR(zeroCrossingFrequency(inner, kSinkRate), 1000.0, 3.0);
-        EXPECT_NEAR(peakOf(inner), 0.5f, 0.05f);
+    // Three stretches of tone on both channels: before and after the restart, and resampled;
+    // each at 1 kHz.
+    for (const std::vector<float>& channel : channels) {
+        const std::vector<std::vector<float>> stretches = soundingStretches(channel);
+        ASSERT_EQ(stretches.size(), 3u) << output;
+        for (const std::vector<float>& stretch : stretches) {
+            const double seconds = static_cast<double>(stretch.size()) / kSinkRate;
+            EXPECT_GT(seconds, 0.6) << output;
+            EXPECT_LT(seconds, 0.95) << output;
+            std::vector<float> inner(stretch.begin() + 441, stretch.end() - 441);
+            EXPECT_NEAR(zeroCrossingFrequency(inner, kSinkRate), 1000.0, 3.0);
+            EXPECT_NEAR(peakOf(inner), 0.5f, 0.05f);
+        }
     }
-    const std::vector<std::vector<float>> rightStretches = soundingStretches(right);
-    ASSERT_EQ(rightStretches.size(), 3u);
-    EXPECT_NEAR(zeroCrossingFrequency(rightStretches[0], kSinkRate), 1000.0, 3.0);
 
     // The probe reports the stream's latency: no resampler delay at first, some the last time.
     std::istringstream lines(output);
-    std::string line;
     std::vector<unsigned> streamLatencies;
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);) {
         unsigned device = 0, deviceLatency = 0, streamLatency = 0;
         double rate = 0, seconds = 0;
         if (std::sscanf(line.c_str(), "device %u rate %lf latency %lf s + %u + %u frames", &device,
@@ -164,27 +149,20 @@ TEST_F(ServerDeviceTest, ChangingTheDefaultSinkCallsTheListenerOnTheMainQueue)
     const std::string change = "pactl load-module module-null-sink sink_name=second "
                                "sink_properties=device.description=Second >/dev/null && "
                                "pactl set-default-sink second";
-    int status = -1;
-    const std::string output = underServer(
-        "sh -c " + shellQuoted(shellQuoted(probe) + " list && " + shellQuoted(probe) +
-                               " watch-default --seconds 5 --command " + shellQuoted(change)),
-        &status);
-    if (status == kSkipped) {
+    const std::string output =
+        underServer(probe + " list && " + probe + " watch-default --seconds 5 --command " +
+                    shellQuoted(change));
+    if (skipped) {
         GTEST_SKIP() << "no sound server could be started here: " << output;
     }
-    EXPECT_EQ(status, 0) << output;
     EXPECT_NE(output.find("default output changed on the main queue"), std::string::npos) << output;
     // The server's default device is listed as the default output, its transport taken from
     // the null sink (a virtual one), with the null device last.
     std::istringstream lines(output);
-    std::string line, defaultLine, lastDevice;
-    while (std::getline(lines, line)) {
-        if (line.rfind('*', 0) == 0) {
-            defaultLine = line;
-        }
-        if (line.find('\t') != std::string::npos) {
-            lastDevice = line;
-        }
+    std::string defaultLine, lastDevice;
+    for (std::string line; std::getline(lines, line);) {
+        defaultLine = line.rfind('*', 0) == 0 ? line : defaultLine;
+        lastDevice = line.find('\t') != std::string::npos ? line : lastDevice;
     }
     EXPECT_EQ(defaultLine.find("\tnull\t"), std::string::npos) << output;
     EXPECT_NE(defaultLine.find("\tvirt\t"), std::string::npos) << output;

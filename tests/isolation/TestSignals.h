@@ -56,8 +56,8 @@ inline std::vector<float> noiseBand(double low, double high, double amplitude, d
     std::vector<double> frequencies;
     for (double f = low; f <= high; f += 7.0)
         frequencies.push_back(f);
-    return sines(frequencies, amplitude / std::sqrt(double(frequencies.size())), sampleRate,
-                 frames, seed);
+    return sines(frequencies, amplitude / std::sqrt(double(frequencies.size())), sampleRate, frames,
+                 seed);
 }
 
 /// Adds source, placed at pan position p (0 left, 1 right) with the constant-power law, to mix.
@@ -135,9 +135,8 @@ inline double bandLevel(const std::vector<float>& x, std::size_t start, std::siz
 }
 
 /// Root of the summed squared amplitudes of the given partials.
-inline double partialsAmplitude(const std::vector<float>& x, std::size_t start,
-                                std::size_t length, const std::vector<double>& frequencies,
-                                double sampleRate)
+inline double partialsAmplitude(const std::vector<float>& x, std::size_t start, std::size_t length,
+                                const std::vector<double>& frequencies, double sampleRate)
 {
     double power = 0.0;
     for (double f : frequencies) {
@@ -151,6 +150,26 @@ inline double decibels(double ratio)
 {
     return 20.0 * std::log10(std::max(ratio, 1e-30));
 }
+
+/// Level changes (dB) from input to output of a process with the given latency, each measured
+/// over the same stretch of both.
+struct LevelChange {
+    const Channels& in;
+    const Channels& out;
+    std::size_t latency, start, length;
+    double rate;
+
+    double partials(std::size_t c, const std::vector<double>& frequencies) const
+    {
+        return decibels(partialsAmplitude(out[c], start + latency, length, frequencies, rate) /
+                        partialsAmplitude(in[c], start, length, frequencies, rate));
+    }
+    double band(std::size_t c, double low, double high) const
+    {
+        return decibels(bandLevel(out[c], start + latency, length, low, high, rate) /
+                        bandLevel(in[c], start, length, low, high, rate));
+    }
+};
 
 /// Energy of a - b over [0, length) with b shifted by delay (a[n] against b[n - delay]),
 /// relative to the energy of b, in dB.

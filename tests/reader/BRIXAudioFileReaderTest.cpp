@@ -18,6 +18,7 @@ struct Layout {
     std::uint32_t buffers;
     std::uint32_t framesPerBuffer;
     std::uint32_t chunk;
+    Frame frames; // of the file: not a multiple of any block size
 };
 
 class ReaderLayoutTest : public ::testing::TestWithParam<std::tuple<Layout, bool>> {};
@@ -26,14 +27,14 @@ class ReaderLayoutTest : public ::testing::TestWithParam<std::tuple<Layout, bool
 
 TEST(BRIXAudioFileReaderTest, RejectsEmptyLayouts)
 {
-    const auto stereo = makeFloatNonInterleavedFormat(kRate, 2);
-    EXPECT_EQ(BRIXAudioFileReader::create(0, 1024, stereo), nullptr);
-    EXPECT_EQ(BRIXAudioFileReader::create(5, 0, stereo), nullptr);
-    EXPECT_EQ(BRIXAudioFileReader::create(5, 1024, makeFloatNonInterleavedFormat(kRate, 0)),
-              nullptr);
-    EXPECT_EQ(BRIXAudioFileReader::create(5, 1024, makeFloatNonInterleavedFormat(kRate, 9)),
-              nullptr);
-    auto reader = BRIXAudioFileReader::create(5, 16384, stereo);
+    for (const auto& [buffers, frames, channels] :
+         {std::tuple{0u, 1024u, 2u}, std::tuple{5u, 0u, 2u}, std::tuple{5u, 1024u, 0u},
+          std::tuple{5u, 1024u, 9u}}) {
+        EXPECT_EQ(BRIXAudioFileReader::create(buffers, frames,
+                                              makeFloatNonInterleavedFormat(kRate, channels)),
+                  nullptr);
+    }
+    auto reader = BRIXAudioFileReader::create(5, 16384, makeFloatNonInterleavedFormat(kRate, 2));
     ASSERT_NE(reader, nullptr);
     EXPECT_FALSE(reader->running());
     // Without a file the stream is over before it began.
@@ -45,7 +46,7 @@ TEST(BRIXAudioFileReaderTest, RejectsEmptyLayouts)
 TEST_P(ReaderLayoutTest, ReadsTheWholeFileInOrderThenEnds)
 {
     const auto [layout, reverse] = GetParam();
-    constexpr Frame kFrames = 50001; // not a multiple of any block size
+    const Frame kFrames = layout.frames;
     auto reader = makeReader(makeRampFile(kFrames), layout.buffers, layout.framesPerBuffer);
     ASSERT_NE(reader, nullptr);
     reader->setReverse(reverse);
@@ -73,8 +74,10 @@ TEST_P(ReaderLayoutTest, ReadsTheWholeFileInOrderThenEnds)
 
 INSTANTIATE_TEST_SUITE_P(
     Layouts, ReaderLayoutTest,
-    ::testing::Combine(::testing::Values(Layout{5, 16384, 512}, Layout{2, 64, 100},
-                                         Layout{3, 1000, 4096}, Layout{1, 128, 7}),
+    // The last asks far more than the prefetch keeps up with: short copies, never wrong ones.
+    ::testing::Combine(::testing::Values(Layout{5, 16384, 512, 50001}, Layout{3, 1000, 4096, 50001},
+                                         Layout{2, 64, 100, 5001}, Layout{1, 128, 7, 5001},
+                                         Layout{2, 32, 4096, 5001}),
                        ::testing::Bool()));
 
 TEST(BRIXAudioFileReaderTest, LoopWrapsFromItsLastFrameToItsFirst)
@@ -82,8 +85,6 @@ TEST(BRIXAudioFileReaderTest, LoopWrapsFromItsLastFrameToItsFirst)
     // Blocks of 256 frames: the loop [1000, 1500) starts and ends inside blocks.
     auto reader = makeReader(makeRampFile(100000), 4, 256);
     reader->enableLoopingInRange(1000, 500);
-    EXPECT_TRUE(reader->isLooping());
-    EXPECT_EQ(reader->loopRange(), (BRIXAudioFileReader::FrameRange{1000, 500}));
     reader->setCurrentFrame(1200);
     ASSERT_TRUE(reader->start());
 
@@ -108,7 +109,6 @@ TEST(BRIXAudioFileReaderTest, LoopWrapsFromItsLastFrameToItsFirst)
     // After the loop is switched off, reading runs on past the old end.
     reader->setReverse(false);
     reader->disableLooping();
-    EXPECT_FALSE(reader->isLooping());
     const Frame from = BRIXAudioFileReaderGetCurrentFrame(reader.get());
     frames = readFrames(*reader, 1000, 256);
     EXPECT_EQ(frames, expectedFrames(from, 1000, false));
@@ -222,32 +222,6 @@ TEST(BRIXAudioFileReaderTest, StarvedQueueReturnsWhatIsReadyAndNeverWaits)
     EXPECT_EQ(readFrames(*reader, 500), expectedFrames(first, 500, false));
 }
 
-TEST(BRIXAudioFileReaderTest, ConsumerFasterThanProducerGetsFewerFramesNeverWrongOnes)
-{
-    // Two buffers of 32 frames against copies of 4096: most copies are short.
-    auto reader = makeReader(makeRampFile(60000), 2, 32);
-    ASSERT_TRUE(reader->start());
-    StereoOut out(4096);
-    Frame expected = 0;
-    std::uint64_t shortCopies = 0;
-    while (expected < 60000) {
-        out.reset();
-        const std::uint32_t got = copyOnce(*reader, out, 4096);
-        ASSERT_LE(got, 64u) << "no more than the two buffers hold";
-        for (std::uint32_t i = 0; i < got; ++i) {
-            ASSERT_EQ(out.left[i], float(expected + i));
-        }
-        ASSERT_EQ(out.left[got], StereoOut::kSentinel);
-        expected += got;
-        shortCopies += got < 4096 ? 1 : 0;
-        if (got == 0) {
-            std::this_thread::yield();
-        }
-    }
-    EXPECT_TRUE(BRIXAudioBufferQueueReachedEndOfStream(reader.get()));
-    EXPECT_GT(shortCopies, 0u);
-}
-
 TEST(BRIXAudioFileReaderTest, WaitingModeDeliversFullCopiesForOfflineRendering)
 {
     auto reader = makeReader(makeRampFile(100000), 2, 256);
@@ -279,18 +253,16 @@ TEST(BRIXAudioFileReaderTest, CopiesIntoBufferListsWithinTheirCapacity)
     reader->setCurrentFrame(100);
     ASSERT_TRUE(reader->start());
 
-    std::vector<float> a(64, StereoOut::kSentinel);
-    std::vector<float> b(64, StereoOut::kSentinel);
-    AudioBufferList list;
-    list.mNumberBuffers = 2;
-    list.mBuffers[0] = {1, std::uint32_t(a.size() * sizeof(float)), a.data()};
-    list.mBuffers[1] = {1, 40 * sizeof(float), b.data()}; // the smaller buffer limits the copy
+    // The smaller buffer limits the copy.
+    std::vector<std::vector<float>> stereo{std::vector<float>(64, StereoOut::kSentinel),
+                                           std::vector<float>(40, StereoOut::kSentinel)};
+    AudioBufferList list = bufferList(stereo);
     std::uint32_t frames = 64;
     BRIXAudioBufferQueueCopyInto(reader.get(), &list, &frames);
     EXPECT_EQ(frames, 40u);
-    EXPECT_EQ(a[0], 100.0f);
-    EXPECT_EQ(b[39], -139.0f);
-    EXPECT_EQ(a[40], StereoOut::kSentinel);
+    EXPECT_EQ(stereo[0][0], 100.0f);
+    EXPECT_EQ(stereo[1][39], -139.0f);
+    EXPECT_EQ(stereo[0][40], StereoOut::kSentinel);
     EXPECT_EQ(list.mBuffers[1].mDataByteSize, 40 * sizeof(float)) << "byte sizes untouched";
 
     // A list with a missing buffer copies nothing and moves nothing.
@@ -303,18 +275,14 @@ TEST(BRIXAudioFileReaderTest, CopiesIntoBufferListsWithinTheirCapacity)
     // More output channels than the stream has get its last channel.
     auto mono = makeReader(makeRampFile(1000, 0.0f, 1), 2, 512, 1);
     ASSERT_TRUE(mono->start());
-    std::vector<float> c(8), d(8), e(8);
-    AudioBufferList three;
-    three.mNumberBuffers = 3;
-    three.mBuffers[0] = {1, 32, c.data()};
-    three.mBuffers[1] = {1, 32, d.data()};
-    three.mBuffers[2] = {1, 32, e.data()};
+    std::vector<std::vector<float>> three(3, std::vector<float>(8));
+    list = bufferList(three);
     frames = 8;
-    BRIXAudioBufferQueueCopyInto(mono.get(), &three, &frames);
+    BRIXAudioBufferQueueCopyInto(mono.get(), &list, &frames);
     ASSERT_EQ(frames, 8u);
-    EXPECT_EQ(c, d);
-    EXPECT_EQ(c, e);
-    EXPECT_EQ(c[7], 7.0f);
+    EXPECT_EQ(three[0], (std::vector<float>{0, 1, 2, 3, 4, 5, 6, 7}));
+    EXPECT_EQ(three[1], three[0]);
+    EXPECT_EQ(three[2], three[0]);
 }
 
 TEST(BRIXAudioFileReaderTest, NewFileStartsFromItsFirstFrameAndNeverShowsTheOld)
@@ -326,9 +294,7 @@ TEST(BRIXAudioFileReaderTest, NewFileStartsFromItsFirstFrameAndNeverShowsTheOld)
     // Stopped, the buffers still hold the old file's first blocks: the new file must not be
     // served from them.
     reader->stop();
-    auto second = makeRampFile(2000, 100000.0f);
-    reader->setAudioFile(second);
-    EXPECT_EQ(reader->audioFile(), second);
+    reader->setAudioFile(makeRampFile(2000, 100000.0f));
     EXPECT_FALSE(reader->running());
     EXPECT_EQ(BRIXAudioFileReaderGetCurrentFrame(reader.get()), 0);
     StereoOut out(64);
@@ -353,11 +319,8 @@ TEST(BRIXAudioFileReaderTest, RenderSideAllocatesAndLocksNothing)
     reader->setCurrentFrame(3500);
     ASSERT_TRUE(reader->start());
 
-    std::vector<float> left(4096), right(4096);
-    AudioBufferList list;
-    list.mNumberBuffers = 2;
-    list.mBuffers[0] = {1, 4096 * sizeof(float), left.data()};
-    list.mBuffers[1] = {1, 4096 * sizeof(float), right.data()};
+    std::vector<std::vector<float>> stereo(2, std::vector<float>(4096));
+    AudioBufferList list = bufferList(stereo);
     Frame before = 0;
     Frame after = 0;
     bool ended = true;

@@ -78,6 +78,18 @@ struct StereoOut {
     float* pointers[2];
 };
 
+/// A list of one-channel buffers over channels, each declared as big as its vector.
+inline AudioBufferList bufferList(std::vector<std::vector<float>>& channels)
+{
+    AudioBufferList list;
+    list.mNumberBuffers = std::uint32_t(channels.size());
+    for (std::size_t c = 0; c < channels.size(); ++c) {
+        list.mBuffers[c] = {1, std::uint32_t(channels[c].size() * sizeof(float)),
+                            channels[c].data()};
+    }
+    return list;
+}
+
 /// One copy through the channel-pointer entry point.
 inline std::uint32_t copyOnce(BRIXAudioFileReader& reader, StereoOut& out, std::uint32_t frames)
 {

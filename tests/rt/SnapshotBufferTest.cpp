@@ -39,6 +39,33 @@ struct Snapshot {
 
 constexpr std::uint64_t kWrites = 1u << 16;
 
+/// Writes snapshots 1...writes on another thread while read() returns what the reader sees
+/// until the writer is done; counts torn and backward reads.
+template <class Write, class Read>
+void stress(std::uint64_t writes, Write write, Read read, std::uint64_t& torn,
+            std::uint64_t& backwards)
+{
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (std::uint64_t i = 1; i <= writes; ++i) {
+            write(Snapshot::of(i));
+        }
+        done = true;
+    });
+    torn = backwards = 0;
+    for (std::uint64_t last = 0;;) {
+        const bool finished = done.load();
+        const Snapshot s = read();
+        torn += s.isWhole() ? 0 : 1;
+        backwards += s.sequence() < last ? 1 : 0;
+        last = s.sequence();
+        if (finished) {
+            break;
+        }
+    }
+    writer.join();
+}
+
 } // namespace
 
 TEST(TripleBufferTest, ReaderSeesInitialThenNewestAndSkipsOlder)
@@ -63,44 +90,13 @@ TEST(TripleBufferTest, ReaderSeesInitialThenNewestAndSkipsOlder)
     EXPECT_EQ(buffer.read(), 12);
 }
 
-TEST(TripleBufferTest, ReadAndWriteAllocateNothing)
-{
-    TripleBuffer<Snapshot> buffer;
-    const auto counts = test::countRealtimeViolations([&] {
-        for (std::uint64_t i = 0; i < 10; ++i) {
-            buffer.write(Snapshot::of(i));
-            EXPECT_EQ(buffer.read().sequence(), i);
-        }
-    });
-    EXPECT_EQ(counts.total(), 0u);
-}
-
 TEST(TripleBufferTest, TwoThreadStressNeverTearsAndNeverGoesBack)
 {
     TripleBuffer<Snapshot> buffer(Snapshot::of(0));
-    std::atomic<bool> done{false};
-
-    std::thread writer([&] {
-        for (std::uint64_t i = 1; i <= kWrites; ++i) {
-            buffer.write(Snapshot::of(i));
-        }
-        done = true;
-    });
-
-    std::uint64_t torn = 0;
-    std::uint64_t backwards = 0;
-    std::uint64_t last = 0;
-    for (;;) {
-        const bool finished = done.load();
-        const Snapshot& s = buffer.read();
-        torn += s.isWhole() ? 0 : 1;
-        backwards += s.sequence() < last ? 1 : 0;
-        last = s.sequence();
-        if (finished) {
-            break;
-        }
-    }
-    writer.join();
+    std::uint64_t torn = 0, backwards = 0;
+    stress(
+        kWrites, [&](const Snapshot& s) { buffer.write(s); }, [&] { return buffer.read(); }, torn,
+        backwards);
     EXPECT_EQ(torn, 0u);
     EXPECT_EQ(backwards, 0u);
     EXPECT_EQ(buffer.read().sequence(), kWrites) << "the last write is always seen";
@@ -129,54 +125,38 @@ TEST(DoubleBufferTest, ReaderKeepsItsSlotUntilRelease)
     buffer.release();
 }
 
-TEST(DoubleBufferTest, AcquireAndReleaseAllocateAndLockNothing)
+TEST(DoubleBufferTest, TwoThreadStressNeverTearsWhileRead)
 {
-    DoubleBuffer<Snapshot> buffer(Snapshot::of(3));
-    const auto counts = test::countRealtimeViolations([&] {
-        for (int i = 0; i < 10; ++i) {
+    DoubleBuffer<Snapshot> buffer(Snapshot::of(0));
+    std::uint64_t torn = 0, backwards = 0, changedWhileHeld = 0;
+    stress(
+        kWrites / 8, [&](const Snapshot& s) { buffer.write(s); },
+        [&] {
             DoubleBuffer<Snapshot>::ReadScope read(buffer);
+            const Snapshot first = *read;
+            // Scan again: the slot must not have moved under the reader.
+            changedWhileHeld += (read->isWhole() && read->sequence() == first.sequence()) ? 0 : 1;
+            return first;
+        },
+        torn, backwards);
+    EXPECT_EQ(torn, 0u);
+    EXPECT_EQ(backwards, 0u);
+    EXPECT_EQ(changedWhileHeld, 0u);
+    EXPECT_EQ(buffer.acquire().sequence(), kWrites / 8);
+    buffer.release();
+}
+
+TEST(SnapshotBufferTest, ReadingAndWritingAllocateAndLockNothing)
+{
+    TripleBuffer<Snapshot> triple;
+    DoubleBuffer<Snapshot> twin(Snapshot::of(3));
+    const auto counts = test::countRealtimeViolations([&] {
+        for (std::uint64_t i = 0; i < 10; ++i) {
+            triple.write(Snapshot::of(i));
+            EXPECT_EQ(triple.read().sequence(), i);
+            DoubleBuffer<Snapshot>::ReadScope read(twin);
             EXPECT_EQ(read->sequence(), 3u);
         }
     });
     EXPECT_EQ(counts.total(), 0u);
-}
-
-TEST(DoubleBufferTest, TwoThreadStressNeverTearsWhileRead)
-{
-    DoubleBuffer<Snapshot> buffer(Snapshot::of(0));
-    std::atomic<bool> done{false};
-    constexpr std::uint64_t kDoubleWrites = kWrites / 8;
-
-    std::thread writer([&] {
-        for (std::uint64_t i = 1; i <= kDoubleWrites; ++i) {
-            buffer.write(Snapshot::of(i));
-        }
-        done = true;
-    });
-
-    std::uint64_t torn = 0;
-    std::uint64_t backwards = 0;
-    std::uint64_t changedWhileHeld = 0;
-    std::uint64_t last = 0;
-    for (;;) {
-        const bool finished = done.load();
-        {
-            DoubleBuffer<Snapshot>::ReadScope read(buffer);
-            const std::uint64_t first = read->sequence();
-            torn += read->isWhole() ? 0 : 1;
-            backwards += first < last ? 1 : 0;
-            last = first;
-            // Scan again: the slot must not have moved under the reader.
-            changedWhileHeld += (read->isWhole() && read->sequence() == first) ? 0 : 1;
-        }
-        if (finished) {
-            break;
-        }
-    }
-    writer.join();
-    EXPECT_EQ(torn, 0u);
-    EXPECT_EQ(backwards, 0u);
-    EXPECT_EQ(changedWhileHeld, 0u);
-    EXPECT_EQ(buffer.acquire().sequence(), kDoubleWrites);
-    buffer.release();
 }
