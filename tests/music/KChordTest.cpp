@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 using namespace vell;
@@ -64,31 +65,15 @@ TEST(KPitchTest, ParsingAcceptsAccidentalsAcrossOctavesAndRejectsNonsense)
 
 TEST(KChordTest, ParsesRootQualityAndBass)
 {
-    const KChord am7 = chord("Am7");
-    EXPECT_EQ(am7.root(), KNoteName('A', 0));
-    EXPECT_EQ(am7.quality(), KChordQuality::minor7);
-    EXPECT_FALSE(am7.bass().has_value());
-    EXPECT_TRUE(am7.isMinor());
-
-    const KChord fsharp = chord("F#maj7");
-    EXPECT_EQ(fsharp.root(), KNoteName('F', 1));
-    EXPECT_EQ(fsharp.quality(), KChordQuality::major7);
-    EXPECT_FALSE(fsharp.isMinor());
-
     const KChord slash = chord("Bb/D");
     EXPECT_EQ(slash.root(), KNoteName('B', -1));
     EXPECT_EQ(slash.quality(), KChordQuality::major);
-    ASSERT_TRUE(slash.bass().has_value());
-    EXPECT_EQ(*slash.bass(), KNoteName('D', 0));
-
-    EXPECT_EQ(chord(" Ebm7b5 ").quality(), KChordQuality::halfDiminished7);
-    EXPECT_EQ(chord("Cmin7").quality(), KChordQuality::minor7);
-    EXPECT_EQ(chord("C-7").quality(), KChordQuality::minor7);
-    EXPECT_EQ(chord("CM7").quality(), KChordQuality::major7);
-    EXPECT_EQ(chord("C+").quality(), KChordQuality::augmented);
-    EXPECT_EQ(chord("Csus").quality(), KChordQuality::suspended4);
-    EXPECT_EQ(chord("C7sus4").quality(), KChordQuality::dominant7sus4);
-    EXPECT_EQ(chord("C").quality(), KChordQuality::major);
+    EXPECT_EQ(slash.bass(), KNoteName('D', 0));
+    EXPECT_FALSE(chord("Am7").bass().has_value());
+    EXPECT_EQ(chord("Am7").quality(), KChordQuality::minor7);
+    EXPECT_EQ(chord("F#maj7").root(), KNoteName('F', 1));
+    EXPECT_TRUE(chord("Am7").isMinor());
+    EXPECT_FALSE(chord("F#maj7").isMinor());
 }
 
 TEST(KChordTest, PrintingRoundTripsEveryQualityAndSpelling)
@@ -101,20 +86,20 @@ TEST(KChordTest, PrintingRoundTripsEveryQualityAndSpelling)
         SCOPED_TRACE(name);
         EXPECT_EQ(chord(name).name(), name);
     }
-    // Aliases print in their canonical form.
-    EXPECT_EQ(chord("Cmin").name(), "Cm");
-    EXPECT_EQ(chord("Cmaj").name(), "C");
-    EXPECT_EQ(chord("C-7").name(), "Cm7");
-    EXPECT_EQ(chord("Co7").name(), "Cdim7");
-    EXPECT_EQ(chord("Cm(maj7)").name(), "CmMaj7");
+    // Aliases and spaces print in the canonical form.
+    const std::pair<const char*, const char*> aliases[] = {
+        {"Cmin", "Cm"},         {"Cmaj", "C"},         {"C-7", "Cm7"},    {"Cmin7", "Cm7"},
+        {"CM7", "Cmaj7"},       {"C+", "Caug"},        {"Csus", "Csus4"}, {"Co7", "Cdim7"},
+        {"Cm(maj7)", "CmMaj7"}, {" Ebm7b5 ", "Ebm7b5"}};
+    for (const auto& [alias, name] : aliases) {
+        SCOPED_TRACE(alias);
+        EXPECT_EQ(chord(alias).name(), name);
+    }
 }
 
 TEST(KChordTest, UnknownTextIsAClearFailure)
 {
-    const struct {
-        const char* text;
-        const char* mentions;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"", "empty"},
         {"H7", "root"},
         {"am", "root"},
@@ -125,13 +110,13 @@ TEST(KChordTest, UnknownTextIsAClearFailure)
         {"C#b", "quality"},
         {"/C", "root"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [text, mentions] : cases) {
+        SCOPED_TRACE(text);
         Error error;
-        EXPECT_FALSE(KChord::chordWithName(c.text, &error).has_value());
+        EXPECT_FALSE(KChord::chordWithName(text, &error).has_value());
         const std::string message = error.localizedDescription();
         EXPECT_NE(message.find("is not a chord name"), std::string::npos) << message;
-        EXPECT_NE(message.find(c.mentions), std::string::npos) << message;
+        EXPECT_NE(message.find(mentions), std::string::npos) << message;
     }
     EXPECT_FALSE(KChord::chordWithName("Q").has_value()); // no error slot: still no crash
 }
@@ -140,12 +125,11 @@ TEST(KChordTest, ChordTonesAndVoicing)
 {
     EXPECT_EQ(chord("Am7").pitchClasses(), (std::vector<int>{9, 0, 4, 7}));
     EXPECT_EQ(chord("E7").pitchClasses(), (std::vector<int>{4, 8, 11, 2}));
-    const auto pitches = chord("C/E").pitches(4);
-    ASSERT_EQ(pitches.size(), 4u);
-    EXPECT_EQ(pitches[0].name(), "E3"); // the bass below the root
-    EXPECT_EQ(pitches[1].name(), "C4");
-    EXPECT_EQ(pitches[2].name(), "E4");
-    EXPECT_EQ(pitches[3].name(), "G4");
+    std::vector<std::string> voicing;
+    for (const auto& pitch : chord("C/E").pitches(4)) {
+        voicing.push_back(pitch.name());
+    }
+    EXPECT_EQ(voicing, (std::vector<std::string>{"E3", "C4", "E4", "G4"})); // bass below the root
 }
 
 TEST(KChordTest, TranspositionKeepsTheSpellingFamily)
@@ -196,13 +180,9 @@ TEST(KKeyTest, TonicChordAndTransposition)
 
 TEST(BRIXTimeSignatureTest, BeatEntriesPerBarFollowTheDenominator)
 {
-    EXPECT_EQ(BRIXTimeSignature(4, 4).beatEntriesPerBar(), 8);
-    EXPECT_EQ(BRIXTimeSignature(3, 4).beatEntriesPerBar(), 6);
-    EXPECT_EQ(BRIXTimeSignature(6, 8).beatEntriesPerBar(), 6);
+    // Common meters are pinned by the storage's beat filtering.
     EXPECT_EQ(BRIXTimeSignature(12, 8).beatEntriesPerBar(), 12);
-    EXPECT_EQ(BRIXTimeSignature(2, 2).beatEntriesPerBar(), 4);
     EXPECT_EQ(BRIXTimeSignature(7, 16).beatEntriesPerBar(), 14);
-    EXPECT_EQ(BRIXTimeSignature().numerator(), 0);
     EXPECT_FALSE(BRIXTimeSignature().isValid());
 
     EXPECT_EQ(BRIXTimeSignature::timeSignatureWithName("6/8"), BRIXTimeSignature(6, 8));
@@ -215,27 +195,22 @@ TEST(BRIXTimeSignatureTest, BeatEntriesPerBarFollowTheDenominator)
 
 TEST(VellMetronomeInstrumentTest, TableOnTheGeneralMidiDrumMap)
 {
-    const auto click = VellMetronomeInstrument::instrumentWithIdentifier(0);
-    EXPECT_EQ(click.midiNote(), 33);
-    EXPECT_EQ(click.accentedMidiNote(), 34);
-    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(1).midiNote(), 37);
-    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(2).midiNote(), 77);
-    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(2).accentedMidiNote(), 76);
-    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(3).midiNote(), 56);
-    EXPECT_EQ(VellMetronomeInstrument().identifier(), 0);
-    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(99), click);
-    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(-1), click);
-
     const auto& all = VellMetronomeInstrument::allInstruments();
     ASSERT_GE(all.size(), 4u);
     for (std::size_t i = 0; i < all.size(); ++i) {
         SCOPED_TRACE(i);
+        EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(static_cast<long long>(i)),
+                  all[i]);
         EXPECT_EQ(all[i].identifier(), static_cast<long long>(i));
         // Percussion key range 27...87; accents at least as loud.
-        EXPECT_GE(all[i].midiNote(), 27);
-        EXPECT_LE(all[i].midiNote(), 87);
+        EXPECT_GE(std::min(all[i].midiNote(), all[i].accentedMidiNote()), 27);
+        EXPECT_LE(std::max(all[i].midiNote(), all[i].accentedMidiNote()), 87);
         EXPECT_GE(all[i].accentedVelocity(), all[i].velocity());
         EXPECT_LE(all[i].accentedVelocity(), 127);
         EXPECT_FALSE(all[i].name().empty());
     }
+    // Unknown identifiers and the default are the first instrument.
+    EXPECT_EQ(VellMetronomeInstrument(), all[0]);
+    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(99), all[0]);
+    EXPECT_EQ(VellMetronomeInstrument::instrumentWithIdentifier(-1), all[0]);
 }

@@ -1,6 +1,7 @@
 // The beat locator: bar/beat lookups over metronome beats, pickups, extrapolation past the grid.
 #include <VellAudio/VellBeatLocator.h>
-#include <VellAudio/VellNoteEntryStorage.h>
+
+#include "StorageBuilders.h"
 
 #include <gtest/gtest.h>
 
@@ -8,45 +9,58 @@
 #include <random>
 
 using namespace vell;
+using namespace vell::test;
 
 namespace {
-
-/// Beat entries every 1000 frames from first, downbeats where isDownbeat(index) says.
-template <class IsDownbeat>
-void addBeats(VellNoteEntryStorage& storage, int count, Frame first, IsDownbeat isDownbeat)
-{
-    VellEntryArray<VellBeatEntry> beats;
-    for (int i = 0; i < count; ++i) {
-        auto beat = storage.newBeatEntry();
-        beat->setLocation(first + 1000 * i);
-        beat->setDownbeat(isDownbeat(i));
-        beats.push_back(beat);
-    }
-    storage.addBeatEntriesFromArray(beats);
-}
-
-void setSignature(VellNoteEntryStorage& storage, int numerator, int denominator)
-{
-    auto signature = storage.newTimeSignatureEntry();
-    signature->setNumerator(static_cast<std::uint8_t>(numerator));
-    signature->setDenominator(static_cast<std::uint8_t>(denominator));
-    storage.addTimeSignatureEntry(signature);
-}
 
 VellBarBeatIndex at(long long beat, long long bar)
 {
     return VellBarBeatIndex::indexPathForBeat(beat, bar);
 }
 
-/// Four bars of 4/4: metronome beats every 2000 frames from first, bars every 8000.
-VellBeatLocator fourFourLocator(Frame first = 0)
+VellBeatLocator locatorFor(const VellNoteEntryStorage& storage)
 {
-    VellNoteEntryStorage storage;
-    setSignature(storage, 4, 4);
-    addBeats(storage, 32, first, [](int i) { return i % 8 == 0; });
     VellBeatLocator locator;
     locator.updateWithNoteEntryStorage(storage);
     return locator;
+}
+
+struct GridPoint {
+    Frame sample;
+    long long beat;
+    long long bar;
+};
+
+/// Each sample lies in the given beat of the given bar.
+void expectIndexes(const VellBeatLocator& locator, std::initializer_list<GridPoint> points)
+{
+    for (const auto& point : points) {
+        SCOPED_TRACE(point.sample);
+        EXPECT_EQ(locator.barBeatIndexOfSample(point.sample), at(point.beat, point.bar));
+    }
+}
+
+/// Each beat of each bar starts at the given sample.
+void expectSamples(const VellBeatLocator& locator, std::initializer_list<GridPoint> points)
+{
+    for (const auto& point : points) {
+        SCOPED_TRACE(point.sample);
+        EXPECT_EQ(locator.sampleOfBarBeatIndex(at(point.beat, point.bar)), point.sample);
+    }
+}
+
+/// Four bars of 4/4: metronome beats every 2000 frames from first, bars every 8000.
+void fillFourFour(VellNoteEntryStorage& storage, Frame first = 0)
+{
+    setSignature(storage, 4, 4);
+    addBeats(storage, 32, first, everyNth(8));
+}
+
+VellBeatLocator fourFourLocator(Frame first = 0)
+{
+    VellNoteEntryStorage storage;
+    fillFourFour(storage, first);
+    return locatorFor(storage);
 }
 
 } // namespace
@@ -56,33 +70,23 @@ TEST(VellBeatLocatorTest, BarsAndBeatsInsideTheGrid)
     const VellBeatLocator locator = fourFourLocator();
     ASSERT_TRUE(locator.hasBeatEntries());
     EXPECT_EQ(locator.beatCount(), 16u);
-    EXPECT_EQ(locator.barBeatIndexOfSample(0), at(0, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(1999), at(0, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(2000), at(1, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(7999), at(3, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(8000), at(0, 1));
-    EXPECT_EQ(locator.barBeatIndexOfSample(30000), at(3, 3));
+    expectIndexes(
+        locator,
+        {{0, 0, 0}, {1999, 0, 0}, {2000, 1, 0}, {7999, 3, 0}, {8000, 0, 1}, {30000, 3, 3}});
     EXPECT_EQ(locator.barIndexOfSample(17000), 2);
-
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, 0)), 0);
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(2, 1)), 12000);
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(5, 1)), 18000); // runs on into bar 2
+    // Beat 5 of bar 1 runs on into bar 2.
+    expectSamples(locator, {{0, 0, 0}, {12000, 2, 1}, {18000, 5, 1}});
 }
 
 TEST(VellBeatLocatorTest, ExtrapolatesPastBothEnds)
 {
+    // Beats from 10000 to 40000; past either end, beats every 2000 and bars every four.
     const VellBeatLocator locator = fourFourLocator(10000);
-    // After the last beat (40000): beats every 2000, bars every four.
-    EXPECT_EQ(locator.barBeatIndexOfSample(41999), at(3, 3));
-    EXPECT_EQ(locator.barBeatIndexOfSample(42000), at(0, 4));
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, 4)), 42000);
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(2, 5)), 10000 + 5 * 8000 + 2 * 2000);
-    // Before the first beat.
-    EXPECT_EQ(locator.barBeatIndexOfSample(9999), at(3, -1));
-    EXPECT_EQ(locator.barBeatIndexOfSample(2000), at(0, -1));
-    EXPECT_EQ(locator.barBeatIndexOfSample(1999), at(3, -2));
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, -1)), 2000);
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(1, -2)), -4000);
+    expectIndexes(locator,
+                  {{41999, 3, 3}, {42000, 0, 4}, {9999, 3, -1}, {2000, 0, -1}, {1999, 3, -2}});
+    expectSamples(
+        locator,
+        {{42000, 0, 4}, {10000 + 5 * 8000 + 2 * 2000, 2, 5}, {2000, 0, -1}, {-4000, 1, -2}});
 
     // Every frame lies at or after its beat and before the next one, far out too.
     std::mt19937_64 random(7);
@@ -105,14 +109,10 @@ TEST(VellBeatLocatorTest, PickupBarEndsOnTheLastBeatOfAFullBar)
     setSignature(storage, 4, 4);
     // Entries 0 and 1 before the first downbeat at entry 2: one metronome beat of pickup.
     addBeats(storage, 34, 0, [](int i) { return i >= 2 && (i - 2) % 8 == 0; });
-    VellBeatLocator locator;
-    locator.updateWithNoteEntryStorage(storage);
-    EXPECT_EQ(locator.barBeatIndexOfSample(0), at(3, -1));
-    EXPECT_EQ(locator.barBeatIndexOfSample(2000), at(0, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(10000), at(0, 1));
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(3, -1)), 0);
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, 1)), 10000);
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, -1)), -6000); // before the file: extrapolated
+    const VellBeatLocator locator = locatorFor(storage);
+    expectIndexes(locator, {{0, 3, -1}, {2000, 0, 0}, {10000, 0, 1}});
+    // Before the file: extrapolated.
+    expectSamples(locator, {{0, 3, -1}, {10000, 0, 1}, {-6000, 0, -1}});
 }
 
 TEST(VellBeatLocatorTest, WithoutDownbeatsBarsFollowTheNumerator)
@@ -120,30 +120,25 @@ TEST(VellBeatLocatorTest, WithoutDownbeatsBarsFollowTheNumerator)
     VellNoteEntryStorage storage;
     setSignature(storage, 3, 4);
     addBeats(storage, 18, 0, [](int) { return false; });
-    VellBeatLocator locator;
-    locator.updateWithNoteEntryStorage(storage);
+    VellBeatLocator locator = locatorFor(storage);
     EXPECT_EQ(locator.beatCount(), 9u);
-    EXPECT_EQ(locator.barBeatIndexOfSample(5999), at(2, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(6000), at(0, 1));
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, 3)), 18000);
+    expectIndexes(locator, {{5999, 2, 0}, {6000, 0, 1}});
+    expectSamples(locator, {{18000, 0, 3}});
 
     // 6/8: every entry is a metronome beat, six to the bar.
     VellNoteEntryStorage compound;
     setSignature(compound, 6, 8);
-    addBeats(compound, 12, 0, [](int i) { return i % 6 == 0; });
+    addBeats(compound, 12, 0, everyNth(6));
     locator.updateWithNoteEntryStorage(compound);
-    EXPECT_EQ(locator.barBeatIndexOfSample(5000), at(5, 0));
-    EXPECT_EQ(locator.barBeatIndexOfSample(6000), at(0, 1));
-    EXPECT_EQ(locator.sampleOfBarBeatIndex(at(0, 2)), 12000);
+    expectIndexes(locator, {{5000, 5, 0}, {6000, 0, 1}});
+    expectSamples(locator, {{12000, 0, 2}});
 }
 
 TEST(VellBeatLocatorTest, ClosestBeatAndCountInBeatsAreIgnored)
 {
     VellNoteEntryStorage storage;
-    setSignature(storage, 4, 4);
-    addBeats(storage, 32, 10000, [](int i) { return i % 8 == 0; });
-    VellBeatLocator locator;
-    locator.updateWithNoteEntryStorage(storage);
+    fillFourFour(storage, 10000);
+    const VellBeatLocator locator = locatorFor(storage);
     EXPECT_EQ(locator.closestBarBeatSampleToSample(12999), 12000);
     EXPECT_EQ(locator.closestBarBeatSampleToSample(13001), 14000);
     EXPECT_EQ(locator.closestBarBeatSampleToSample(13000), 12000); // a tie goes to the earlier
@@ -151,12 +146,8 @@ TEST(VellBeatLocatorTest, ClosestBeatAndCountInBeatsAreIgnored)
     EXPECT_EQ(locator.closestBarBeatSampleToSample(45100), 46000); // and after
 
     // Artificial count-in beats (negative locations) change nothing.
-    auto artificial = storage.newBeatEntry();
-    artificial->setLocation(-1000);
-    artificial->setDownbeat(true);
-    storage.addBeatEntry(artificial);
-    VellBeatLocator withCountIn;
-    withCountIn.updateWithNoteEntryStorage(storage);
+    storage.addBeatEntry(beatAt(storage, -1000, true));
+    const VellBeatLocator withCountIn = locatorFor(storage);
     EXPECT_EQ(withCountIn.beatCount(), locator.beatCount());
     EXPECT_EQ(withCountIn.barBeatIndexOfSample(10000), at(0, 0));
 }
@@ -171,9 +162,8 @@ TEST(VellBeatLocatorTest, DegenerateGrids)
     EXPECT_EQ(empty.closestBarBeatSampleToSample(5000), 5000);
 
     VellNoteEntryStorage storage;
-    addBeats(storage, 1, 7000, [](int) { return true; });
-    VellBeatLocator single;
-    single.updateWithNoteEntryStorage(storage);
+    addBeats(storage, 1, 7000, everyNth(1));
+    const VellBeatLocator single = locatorFor(storage);
     EXPECT_TRUE(single.hasBeatEntries());
     EXPECT_EQ(single.barBeatIndexOfSample(0), at(0, 0));
     EXPECT_EQ(single.barBeatIndexOfSample(1'000'000), at(0, 0));

@@ -30,32 +30,41 @@ protected:
     }
 };
 
-TEST_F(MainQueueTest, DrainRunsTasksInOrderIncludingTasksTheyQueue)
+TEST_F(MainQueueTest, DrainRunsTasksInOrderIncludingTasksTheyQueueAndPastOneThatThrows)
 {
+    test::LogCapture capture;
     mQueue.async(record("a"));
+    mQueue.async([] { throw std::runtime_error("boom"); });
     mQueue.async([this] {
         mLog.push_back("b");
         mQueue.async(record("d"));
     });
     mQueue.async(record("c"));
 
-    EXPECT_EQ(mQueue.drain(), 4u);
+    EXPECT_EQ(mQueue.drain(), 5u);
     EXPECT_EQ(mLog, (std::vector<std::string>{"a", "b", "c", "d"}));
     EXPECT_EQ(mQueue.drain(), 0u);
     EXPECT_FALSE(mQueue.nextDueTime().has_value());
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("Caught exception: boom"), std::string::npos) << lines[0];
 }
 
-TEST_F(MainQueueTest, DelayedTasksRunWhenDueInDueOrder)
+TEST_F(MainQueueTest, DelayedTasksRunWhenDueInDueOrderUnlessCancelled)
 {
     mQueue.asyncAfter(30ms, record("30"));
-    mQueue.asyncAfter(10ms, record("10a"));
+    mQueue.asyncAfter(10ms, record("10a")); // dropping the handle does not cancel
     mQueue.asyncAfter(10ms, record("10b"));
     mQueue.asyncAfter(-5ms, record("negative")); // treated as due now
+    auto cancelled = mQueue.asyncAfter(5ms, record("cancelled"));
+    EXPECT_FALSE(cancelled->isCancelled());
+    cancelled->cancel();
+    EXPECT_TRUE(cancelled->isCancelled());
 
     EXPECT_EQ(mQueue.drain(), 1u);
     EXPECT_EQ(mLog, std::vector<std::string>{"negative"});
     ASSERT_TRUE(mQueue.nextDueTime().has_value());
-    EXPECT_EQ(*mQueue.nextDueTime(), mClock->now() + 10ms);
+    EXPECT_EQ(*mQueue.nextDueTime(), mClock->now() + 10ms); // the cancelled task is not due
 
     mClock->advance(9ms);
     EXPECT_EQ(mQueue.drain(), 0u);
@@ -64,35 +73,6 @@ TEST_F(MainQueueTest, DelayedTasksRunWhenDueInDueOrder)
     mClock->advance(100ms);
     EXPECT_EQ(mQueue.drain(), 1u);
     EXPECT_EQ(mLog, (std::vector<std::string>{"negative", "10a", "10b", "30"}));
-}
-
-TEST_F(MainQueueTest, CancelledTaskNeverRunsAndIsNotDue)
-{
-    auto first = mQueue.asyncAfter(5ms, record("cancelled"));
-    auto second = mQueue.asyncAfter(7ms, record("kept"));
-    EXPECT_FALSE(first->isCancelled());
-    first->cancel();
-    EXPECT_TRUE(first->isCancelled());
-    EXPECT_EQ(*mQueue.nextDueTime(), mClock->now() + 7ms);
-
-    // Dropping the handle does not cancel.
-    second.reset();
-    mClock->advance(10ms);
-    EXPECT_EQ(mQueue.drain(), 1u);
-    EXPECT_EQ(mLog, std::vector<std::string>{"kept"});
-}
-
-TEST_F(MainQueueTest, ThrowingTaskIsLoggedAndLaterTasksStillRun)
-{
-    test::LogCapture capture;
-    mQueue.async([] { throw std::runtime_error("boom"); });
-    mQueue.async(record("after"));
-
-    EXPECT_EQ(mQueue.drain(), 2u);
-    EXPECT_EQ(mLog, std::vector<std::string>{"after"});
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find("Caught exception: boom"), std::string::npos) << lines[0];
 }
 
 TEST_F(MainQueueTest, CurrentThreadIsTheLastDrainer)
@@ -127,20 +107,17 @@ TEST_F(MainQueueTest, AdvanceAndDrainStopsAtEveryDueTime)
     EXPECT_EQ(runs, 6);
 }
 
-TEST_F(MainQueueTest, RunUntilWithPastDeadlineRunsDueWorkAndReportsPredicate)
+TEST_F(MainQueueTest, RunUntilRunsDueWorkAndWakesForOtherThreadsAndClockMoves)
 {
+    // A past deadline still runs what is due, then reports the predicate.
     bool done = false;
     mQueue.async([&] { done = true; });
     EXPECT_TRUE(mQueue.runUntil([&] { return done; }, mClock->now()));
-
     mQueue.async(record("x"));
     EXPECT_FALSE(mQueue.runUntil([] { return false; }, mClock->now()));
     EXPECT_EQ(mLog, std::vector<std::string>{"x"});
-}
 
-TEST_F(MainQueueTest, RunUntilWakesForTasksFromAnotherThreadAndForClockMoves)
-{
-    bool done = false;
+    done = false;
     std::thread poster([&] { mQueue.async([&] { done = true; }); });
     EXPECT_TRUE(mQueue.runUntil([&] { return done; }, mClock->now() + 1h));
     poster.join();

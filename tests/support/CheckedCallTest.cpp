@@ -13,87 +13,6 @@ using namespace vell;
 
 namespace {
 
-Error build(const char* typeCode, std::int64_t value)
-{
-    Error error;
-    NSXMakeErrorImp(typeCode, value, "/src/dir/File.cpp", 42, "method", "call()", &error);
-    return error;
-}
-
-struct TableRow {
-    const char* typeCode;
-    std::int64_t value;
-    std::string_view domain; // empty: nothing is built
-    long code;
-};
-
-} // namespace
-
-TEST(NSXMakeErrorTest, FollowsTheFailureTable)
-{
-    const TableRow rows[] = {
-        {"*", 0, kNULLPointerErrorDomain, -1},
-        {"*", 0x1000, "", 0},
-        {"^v", 0, kNULLPointerErrorDomain, -1},
-        {"r*", 0, kNULLPointerErrorDomain, -1},
-        {"r^v", 0, "", 0},
-        {"@", 0, NSCocoaErrorDomain, -1},
-        {"@", 1, "", 0},
-        {"c", 0, kBOOLErrorDomain, -1},
-        {"c", 1, "", 0},
-        {"I", 0, NSMachErrorDomain, -1},
-        {"I", 0xFFFFFFFF, NSMachErrorDomain, -1},
-        {"I", 5, "", 0},
-        {"i", 0, "", 0},
-        {"i", -50, NSMachErrorDomain, -50},
-        {"i", 1852797029, NSMachErrorDomain, 1852797029},
-        {"l", 0, "", 0},
-        {"l", -10875, NSOSStatusErrorDomain, -10875},
-        {"l", 0x1FFFFFFFFLL, NSOSStatusErrorDomain, -1}, // low 32 bits, sign-extended
-        {"s", 7, NSOSStatusErrorDomain, 7},
-        {"q", 0, "", 0},
-        {"d", 0, "", 0},
-        {"", 0, "", 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.typeCode) + " " + std::to_string(row.value));
-        const Error error = build(row.typeCode, row.value);
-        EXPECT_EQ(error.domain(), row.domain);
-        if (!row.domain.empty()) {
-            EXPECT_EQ(error.code(), row.code);
-            EXPECT_EQ(error.stringForKey(kReportingFileKey), "/src/dir/File.cpp");
-            EXPECT_EQ(error.integerForKey(kReportingLineKey), 42);
-            EXPECT_EQ(error.stringForKey(kReportingMethodKey), "method");
-            EXPECT_EQ(error.stringForKey(kOriginKey), "call()");
-        }
-    }
-}
-
-TEST(NSXMakeErrorTest, MinusOneStatusCarriesErrno)
-{
-    errno = ENOENT;
-    const Error error = build("i", -1);
-    EXPECT_EQ(error.domain(), NSPOSIXErrorDomain);
-    EXPECT_EQ(error.code(), ENOENT);
-
-    // A null out-error pointer is allowed.
-    NSXMakeErrorImp("i", -1, "f", 1, "m", "o", nullptr);
-    NSXMakeErrorImp(nullptr, 0, nullptr, 0, nullptr, nullptr, nullptr);
-}
-
-TEST(NSXMakeErrorTest, ErrstrVariantCarriesTheMessage)
-{
-    const Error error = NSXMakeErrorWithErrstr_tImp("disk full", "a/b.cpp", 7, "save");
-    EXPECT_EQ(error.domain(), "errstr_t");
-    EXPECT_EQ(error.code(), 0);
-    EXPECT_EQ(error.stringForKey("errstr_t"), "disk full");
-    EXPECT_EQ(error.localizedDescription(), "disk full");
-    EXPECT_EQ(error.integerForKey(kReportingLineKey), 7);
-    EXPECT_FALSE(error.stringForKey(kOriginKey));
-}
-
-namespace {
-
 int failingStatus()
 {
     return -50;
@@ -106,6 +25,65 @@ const char* nullName()
 
 } // namespace
 
+TEST(NSXMakeErrorTest, FollowsTheFailureTable)
+{
+    const auto build = [](const char* typeCode, std::int64_t value) {
+        Error error;
+        errno = ENOENT;
+        NSXMakeErrorImp(typeCode, value, "/src/dir/File.cpp", 42, "method", "call()", &error);
+        return error;
+    };
+    const std::pair<const char*, std::int64_t> harmless[] = {
+        {"*", 0x1000}, {"r^v", 0}, {"@", 1}, {"c", 1}, {"I", 5},
+        {"i", 0},      {"l", 0},   {"q", 0}, {"d", 0}, {"", 0},
+    };
+    for (const auto& [typeCode, value] : harmless) {
+        SCOPED_TRACE(std::string(typeCode) + " " + std::to_string(value));
+        EXPECT_EQ(build(typeCode, value).domain(), "");
+    }
+    const struct {
+        const char* typeCode;
+        std::int64_t value;
+        std::string_view domain;
+        long code;
+    } failures[] = {
+        {"*", 0, kNULLPointerErrorDomain, -1},
+        {"^v", 0, kNULLPointerErrorDomain, -1},
+        {"r*", 0, kNULLPointerErrorDomain, -1},
+        {"@", 0, NSCocoaErrorDomain, -1},
+        {"c", 0, kBOOLErrorDomain, -1},
+        {"I", 0, NSMachErrorDomain, -1},
+        {"I", 0xFFFFFFFF, NSMachErrorDomain, -1},
+        {"i", -50, NSMachErrorDomain, -50},
+        {"i", 1852797029, NSMachErrorDomain, 1852797029},
+        {"i", -1, NSPOSIXErrorDomain, ENOENT}, // -1 carries errno
+        {"l", -10875, NSOSStatusErrorDomain, -10875},
+        {"l", 0x1FFFFFFFFLL, NSOSStatusErrorDomain, -1}, // low 32 bits, sign-extended
+        {"s", 7, NSOSStatusErrorDomain, 7},
+    };
+    for (const auto& row : failures) {
+        SCOPED_TRACE(std::string(row.typeCode) + " " + std::to_string(row.value));
+        const Error error = build(row.typeCode, row.value);
+        EXPECT_EQ(error.domain(), row.domain);
+        EXPECT_EQ(error.code(), row.code);
+        EXPECT_EQ(error.stringForKey(kReportingFileKey), "/src/dir/File.cpp");
+        EXPECT_EQ(error.integerForKey(kReportingLineKey), 42);
+        EXPECT_EQ(error.stringForKey(kReportingMethodKey), "method");
+        EXPECT_EQ(error.stringForKey(kOriginKey), "call()");
+    }
+    // A null out-error pointer and null texts are allowed.
+    NSXMakeErrorImp("i", -1, "f", 1, "m", "o", nullptr);
+    NSXMakeErrorImp(nullptr, 0, nullptr, 0, nullptr, nullptr, nullptr);
+
+    const Error error = NSXMakeErrorWithErrstr_tImp("disk full", "a/b.cpp", 7, "save");
+    EXPECT_EQ(error.domain(), "errstr_t");
+    EXPECT_EQ(error.code(), 0);
+    EXPECT_EQ(error.stringForKey("errstr_t"), "disk full");
+    EXPECT_EQ(error.localizedDescription(), "disk full");
+    EXPECT_EQ(error.integerForKey(kReportingLineKey), 7);
+    EXPECT_FALSE(error.stringForKey(kOriginKey));
+}
+
 TEST(CheckedCallTest, CapturesTheExpressionTextAndPlace)
 {
     Error error;
@@ -116,7 +94,8 @@ TEST(CheckedCallTest, CapturesTheExpressionTextAndPlace)
     EXPECT_EQ(error.stringForKey(kOriginKey), "failingStatus()");
     EXPECT_EQ(error.integerForKey(kReportingLineKey), expectedLine);
     EXPECT_EQ(error.stringForKey(kReportingMethodKey), "TestBody");
-    EXPECT_NE(error.stringForKey(kReportingFileKey)->find("CheckedCallTest.cpp"), std::string::npos);
+    EXPECT_NE(error.stringForKey(kReportingFileKey)->find("CheckedCallTest.cpp"),
+              std::string::npos);
 
     // The type code follows the expression's C++ type.
     EXPECT_FALSE(VELL_CHECK(nullName(), &error));
@@ -147,18 +126,12 @@ TEST(CheckedCallTest, ThrowRaisesNSXErrorWithTheErrorAndLogWritesTheLine)
     test::LogCapture capture;
     EXPECT_FALSE(VELL_CHECK_LOG(failingStatus()));
     EXPECT_TRUE(VELL_CHECK_LOG(0));
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("CheckedCallTest.cpp : (ERROR) Error Domain=NSMachErrorDomain", 0), 0u)
-        << lines[0];
-}
-
-TEST(LogTest, LineNamesTheLastPathComponent)
-{
-    test::LogCapture capture;
     logErrorLine("/a/b/Thing.mm", "Failed to start AUGraph.");
     logErrorLine("Plain.cpp", "x");
-    EXPECT_EQ(capture.lines(),
-              (std::vector<std::string>{"Thing.mm : (ERROR) Failed to start AUGraph.",
-                                        "Plain.cpp : (ERROR) x"}));
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].rfind("CheckedCallTest.cpp : (ERROR) Error Domain=NSMachErrorDomain", 0), 0u)
+        << lines[0];
+    EXPECT_EQ(lines[1], "Thing.mm : (ERROR) Failed to start AUGraph.");
+    EXPECT_EQ(lines[2], "Plain.cpp : (ERROR) x");
 }

@@ -58,21 +58,16 @@ TEST(KeyedArchiveTest, EveryKindOfValueRoundTrips)
     EXPECT_TRUE((*nested)["inner"]["deep"][0].is_object());
 
     EXPECT_EQ(unarchiver->allKeys().size(), 8u);
-    EXPECT_FALSE(unarchiver->error());
-}
 
-TEST(KeyedArchiveTest, AbsentKeysDecodeToZeroAndNothing)
-{
-    auto unarchiver = open(KeyedArchiver().encodedData());
-    ASSERT_TRUE(unarchiver);
+    // Absent keys decode to zero and nothing, and absence is not an error.
     EXPECT_FALSE(unarchiver->containsValueForKey("playbackSpeed"));
     EXPECT_EQ(unarchiver->decodeDoubleForKey("playbackSpeed"), 0.0);
     EXPECT_FALSE(unarchiver->decodeBoolForKey("loopEnabled"));
     EXPECT_EQ(unarchiver->decodeIntegerForKey("countInMode"), 0);
-    EXPECT_FALSE(unarchiver->decodeStringForKey("title"));
-    EXPECT_FALSE(unarchiver->decodeBytesForKey("blob"));
-    EXPECT_FALSE(unarchiver->decodeObjectForKey("nested"));
-    EXPECT_FALSE(unarchiver->error()); // absence is not an error
+    EXPECT_FALSE(unarchiver->decodeStringForKey("absentTitle"));
+    EXPECT_FALSE(unarchiver->decodeBytesForKey("absentBlob"));
+    EXPECT_FALSE(unarchiver->decodeObjectForKey("absentNested"));
+    EXPECT_FALSE(unarchiver->error());
 }
 
 TEST(KeyedArchiveTest, NumbersConvertAndOtherMismatchesReportAnError)
@@ -108,19 +103,18 @@ TEST(KeyedArchiveTest, NumbersConvertAndOtherMismatchesReportAnError)
 
 TEST(KeyedArchiveTest, BytesThatAreNotAnArchiveGiveAnError)
 {
+    const auto header = [](ArchiveValue archiver, ArchiveValue version, ArchiveValue top) {
+        return ArchiveValue::to_cbor(
+            ArchiveValue{{"$archiver", archiver}, {"$version", version}, {"$top", top}});
+    };
     const std::vector<std::pair<const char*, Bytes>> cases = {
         {"empty", {}},
         {"text", {'h', 'e', 'l', 'l', 'o'}},
         {"CBOR array", ArchiveValue::to_cbor(ArchiveValue::array({1, 2}))},
         {"map without header", ArchiveValue::to_cbor(ArchiveValue{{"playbackVolume", 1.0}})},
-        {"wrong archiver",
-         ArchiveValue::to_cbor(ArchiveValue{
-             {"$archiver", "Other"}, {"$version", 1}, {"$top", ArchiveValue::object()}})},
-        {"newer version", ArchiveValue::to_cbor(ArchiveValue{{"$archiver", "VellKeyedArchiver"},
-                                                             {"$version", 2},
-                                                             {"$top", ArchiveValue::object()}})},
-        {"top not a map", ArchiveValue::to_cbor(ArchiveValue{
-                              {"$archiver", "VellKeyedArchiver"}, {"$version", 1}, {"$top", 5}})},
+        {"wrong archiver", header("Other", 1, ArchiveValue::object())},
+        {"newer version", header("VellKeyedArchiver", 2, ArchiveValue::object())},
+        {"top not a map", header("VellKeyedArchiver", 1, 5)},
         {"array claiming 2^64-1 items", {0x9b, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
         {"string longer than the data", {0x7a, 0x7f, 0xff, 0xff, 0xff, 'a'}},
         {"tagged item", {0xc1, 0x1a, 0, 0, 0, 0}},
@@ -142,6 +136,7 @@ TEST(KeyedArchiveTest, BytesThatAreNotAnArchiveGiveAnError)
         EXPECT_EQ(error.code(), kCoderReadCorruptError);
         EXPECT_FALSE(error.localizedDescription().empty());
     }
+    EXPECT_TRUE(open(header("VellKeyedArchiver", 1, ArchiveValue::object())));
 }
 
 TEST(KeyedArchiveTest, DeepNestingIsRefusedWithoutRecursing)
@@ -200,18 +195,15 @@ TEST(CborCheckTest, IndefiniteLengthsAndBreaks)
 {
     using detail::CborCheck;
     using detail::checkCbor;
-    // [_ 1, [2]] and {_ "a": 1}
+    // [_ 1, [2]], {_ "a": 1} and (_ "ab" "c") as chunks
     EXPECT_EQ(checkCbor(Bytes{0x9f, 0x01, 0x81, 0x02, 0xff}, 8), CborCheck::ok);
     EXPECT_EQ(checkCbor(Bytes{0xbf, 0x61, 'a', 0x01, 0xff}, 8), CborCheck::ok);
-    // (_ "ab" "c") as chunks
     EXPECT_EQ(checkCbor(Bytes{0x7f, 0x62, 'a', 'b', 0x61, 'c', 0xff}, 8), CborCheck::ok);
     EXPECT_EQ(checkCbor(Bytes{0x9f, 0x01}, 8), CborCheck::truncated);
     EXPECT_EQ(checkCbor(Bytes{0x82, 0x01, 0xff}, 8), CborCheck::malformed);
     EXPECT_EQ(checkCbor(Bytes{0x1f}, 8), CborCheck::malformed); // indefinite integer
-    EXPECT_EQ(checkCbor(Bytes{0xfb, 0, 0, 0}, 8), CborCheck::truncated);
-    EXPECT_EQ(checkCbor(Bytes{0x81, 0x81, 0x81, 0x00}, 2), CborCheck::tooDeep);
     EXPECT_EQ(checkCbor(Bytes{0x81, 0x81, 0x00}, 2), CborCheck::ok);
-    EXPECT_EQ(checkCbor(Bytes{0x00, 0x00}, 2), CborCheck::trailingBytes);
+    EXPECT_EQ(checkCbor(Bytes{0x9f, 0x9f, 0x9f, 0xff, 0xff, 0xff}, 2), CborCheck::tooDeep);
 }
 
 } // namespace
