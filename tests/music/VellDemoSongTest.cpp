@@ -10,7 +10,6 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <numbers>
 
 using namespace vell;
 
@@ -29,25 +28,6 @@ double energy(const std::vector<float>& samples, std::size_t begin, std::size_t 
         sum += double(samples[i]) * samples[i];
     }
     return sum;
-}
-
-/// Magnitude of one frequency over a span (Goertzel).
-double magnitudeAt(const std::vector<float>& samples, std::size_t begin, std::size_t end,
-                   double frequency)
-{
-    const double w = 2 * std::numbers::pi * frequency / VellDemoSong::kSampleRate;
-    const double coefficient = 2 * std::cos(w);
-    double s1 = 0;
-    double s2 = 0;
-    for (std::size_t i = begin; i < end; ++i) {
-        // A Hann window keeps neighbouring notes from leaking in.
-        const double window =
-            0.5 - 0.5 * std::cos(2 * std::numbers::pi * double(i - begin) / double(end - begin));
-        const double s0 = window * samples[i] + coefficient * s1 - s2;
-        s2 = s1;
-        s1 = s0;
-    }
-    return std::sqrt(s1 * s1 + s2 * s2 - coefficient * s1 * s2);
 }
 
 std::uint32_t readLE(const std::vector<char>& bytes, std::size_t at, int size)
@@ -117,24 +97,7 @@ TEST(VellDemoSongTest, TheLeadIsOnlyInTheLeftChannel)
     }
     EXPECT_GT(inside, 1000.0);
     EXPECT_LT(outside, inside * 1e-9);
-
-    // At each higher lead note's own pitch the left channel is far louder than the right.
-    int checked = 0;
-    for (const auto& note : notes) {
-        if (note->pitch().midiNote() < 72 || note->length() < 20000) {
-            continue; // lower notes share their pitch with the chords
-        }
-        SCOPED_TRACE(note->pitch().name());
-        const auto begin = static_cast<std::size_t>(note->location() + 2000);
-        const auto end = static_cast<std::size_t>(note->location() + note->length());
-        const double frequency = note->pitch().frequency();
-        const double left = magnitudeAt(song.left(), begin, end, frequency);
-        const double right = magnitudeAt(song.right(), begin, end, frequency);
-        // The right channel holds only what the chords' overtones put there.
-        EXPECT_GT(left, 5 * right) << "left " << left << " right " << right;
-        ++checked;
-    }
-    EXPECT_GE(checked, 10);
+    // That it sounds at the documented pitches is checked end to end by tests/tool/test_demo.sh.
 }
 
 TEST(VellDemoSongTest, DocumentDescribesTheSong)
