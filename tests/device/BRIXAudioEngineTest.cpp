@@ -230,10 +230,9 @@ TEST_F(BRIXAudioEngineTest, AWorkerFeedingThePlayerEndsAfterEveryStop)
             ASSERT_TRUE(engine.start());
             player->play();
         }
-        if (round < 3) { // playing, the worker keeps scheduling as buffers complete
-            EXPECT_TRUE(waitUntil([&] { return worker.scheduled() >= before + 6; }));
-        } else if (round == 4) { // never started: it fills the queue and waits
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        if (round != 3) { // playing, it keeps scheduling as buffers complete; else it fills up
+            const int expected = before + (round < 3 ? 6 : 3);
+            EXPECT_TRUE(waitUntil([&] { return worker.scheduled() >= expected; }));
         }
         engine.stop();
         ASSERT_TRUE(worker.terminate()) << "the worker waits for a completion that never comes";

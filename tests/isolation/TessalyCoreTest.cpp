@@ -22,14 +22,11 @@ namespace {
 
 constexpr uint32_t kMaxFrames = 8192;
 
-struct InstanceDeleter {
-    void operator()(TessalyInstance* instance) const { TessalyDestroy(instance); }
-};
-using Instance = std::unique_ptr<TessalyInstance, InstanceDeleter>;
+using Instance = std::unique_ptr<TessalyInstance, decltype(&TessalyDestroy)>;
 
 Instance makeInstance(uint32_t sampleRate, uint32_t channels = 2)
 {
-    Instance instance(TessalyCreate(sampleRate, channels, kMaxFrames));
+    Instance instance(TessalyCreate(sampleRate, channels, kMaxFrames), &TessalyDestroy);
     EXPECT_NE(instance, nullptr);
     return instance;
 }
