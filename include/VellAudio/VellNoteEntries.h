@@ -9,6 +9,7 @@
 #include <VellAudio/VellFrameRange.h>
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -187,8 +188,15 @@ public:
     void setRange(VellFrameRange range);
     const std::string& name() const noexcept { return _name; }
     void setName(std::string name);
-    /// One past the last frame.
-    Frame endLocation() const noexcept { return location() + _length; }
+    /// One past the last frame (the largest frame when the sum would not fit).
+    Frame endLocation() const noexcept
+    {
+        Frame end = 0;
+        return __builtin_add_overflow(location(), _length, &end)
+                   ? (_length < 0 ? std::numeric_limits<Frame>::min()
+                                  : std::numeric_limits<Frame>::max())
+                   : end;
+    }
 
 private:
     Frame _length = 0;

@@ -26,7 +26,8 @@ constexpr int kMaxDepth = 64;
 constexpr std::size_t kMaxEntriesPerList = 2'000'000;
 constexpr std::size_t kMaxNameBytes = 1000;
 constexpr std::size_t kMaxPathBytes = 4096;
-// Locations and lengths stay below 2^62, so location + length never overflows.
+// Locations and lengths are at most 2^62, far beyond any file (their sum can reach 2^63, so
+// code adding them saturates).
 constexpr long long kMaxFrameValue = 1LL << 62;
 constexpr double kMaxSampleRate = 1'000'000;
 constexpr double kMaxTempo = 1000;

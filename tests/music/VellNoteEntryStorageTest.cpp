@@ -316,6 +316,14 @@ TEST(VellNoteEntryStorageTest, RegionQueries)
     const auto stranger = std::make_shared<VellRegionEntry>();
     EXPECT_EQ(storage.regionEntryOccurringAfter(stranger), nullptr);
     EXPECT_EQ(storage.regionEntryOccurringBefore(nullptr), nullptr);
+
+    // The end saturates however far out a region lies (a document allows 2^62 + 2^62).
+    VellRegionEntry far;
+    far.setLocation(Frame(1) << 62);
+    far.setLength(Frame(1) << 62);
+    EXPECT_EQ(far.endLocation(), std::numeric_limits<Frame>::max());
+    far.setLength(1000);
+    EXPECT_EQ(far.endLocation(), (Frame(1) << 62) + 1000);
 }
 
 TEST(VellNoteEntryStorageTest, RenamingByCopyAndReplace)

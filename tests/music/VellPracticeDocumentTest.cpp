@@ -189,6 +189,36 @@ TEST(VellPracticeDocumentTest, EntriesTheReaderWouldRefuseAreNotWritten)
     EXPECT_EQ(back.markerEntries()[0]->name(), std::string(999, 'x'));
 }
 
+// Tempos are floats: each is written with the digits it needs to read back as the same float,
+// and one that a float cannot hold is refused rather than dropped at the next save.
+TEST(VellPracticeDocumentTest, TemposReadBackAsTheSameFloat)
+{
+    VellPracticeDocument document;
+    auto& storage = *document.noteEntryStorage();
+    const float tempos[] = {96.0f, 120.3f, 123.45679f, 999.99994f, 1e-40f};
+    for (std::size_t i = 0; i < std::size(tempos); ++i) {
+        put<VellTempoEntry>(storage, static_cast<Frame>(i))->setTempo(tempos[i]);
+    }
+    const std::string text = document.JSONData();
+    EXPECT_NE(text.find("\"tempo\":120.3}"), std::string::npos) << text;
+    VellPracticeDocument loaded;
+    Error error;
+    ASSERT_TRUE(loaded.readFromJSONData(text, &error)) << error.localizedDescription();
+    const auto& back = loaded.noteEntryStorage()->tempoEntries();
+    ASSERT_EQ(back.size(), std::size(tempos));
+    for (std::size_t i = 0; i < std::size(tempos); ++i) {
+        EXPECT_EQ(back[i]->tempo(), tempos[i]) << i;
+    }
+
+    EXPECT_FALSE(loaded.readFromJSONData(R"({"format": "vell-practice-document", "version": 1,
+        "sampleRate": 44100, "tempos": [{"location": 0, "tempo": 1e-50}]})",
+                                         &error));
+    EXPECT_NE(error.localizedDescription().find("tempos[0].tempo: 1e-50 BPM is too slow"),
+              std::string::npos)
+        << error.localizedDescription();
+    EXPECT_EQ(loaded.noteEntryStorage()->tempoEntries().size(), std::size(tempos));
+}
+
 TEST(VellPracticeDocumentTest, MalformedDocumentsNameThePlaceAndChangeNothing)
 {
     const std::string valid = smallDocument().dump();
