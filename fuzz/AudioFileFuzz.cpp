@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr std::array<const char*, 8> kExtensions = {".wav", ".mp3", ".flac", ".m4a",
+constexpr std::array<const char*, 8> kExtensions = {".wav", ".mp3",  ".flac", ".m4a",
                                                     ".ogg", ".aiff", ".opus", ".caf"};
 
 } // namespace
@@ -34,12 +34,11 @@ VELL_FUZZ_TARGET(AudioFile)
     double lastFraction = 0;
     bool fractionsInOrder = true;
     vell::Error error;
-    const auto file = vell::BRIXExtendedAudioFile::create(
-        path, &error, [&](double fraction) {
-            fractionsInOrder = fractionsInOrder && fraction >= lastFraction && fraction <= 1.0;
-            lastFraction = fraction;
-            return true;
-        });
+    const auto file = vell::BRIXExtendedAudioFile::create(path, &error, [&](double fraction) {
+        fractionsInOrder = fractionsInOrder && fraction >= lastFraction && fraction <= 1.0;
+        lastFraction = fraction;
+        return true;
+    });
     std::error_code ec;
     std::filesystem::remove(path, ec);
     VELL_FUZZ_CHECK(fractionsInOrder);
@@ -73,10 +72,10 @@ VELL_FUZZ_TARGET(AudioFile)
         }
         VELL_FUZZ_REQUIRE(framesRead <= kSlice && position + framesRead <= file->frameCount());
         const auto offset = static_cast<std::size_t>(position);
-        VELL_FUZZ_CHECK(std::memcmp(leftSlice.data(), left.data() + offset,
-                                    framesRead * sizeof(float)) == 0);
-        VELL_FUZZ_CHECK(std::memcmp(rightSlice.data(), right.data() + offset,
-                                    framesRead * sizeof(float)) == 0);
+        VELL_FUZZ_CHECK(
+            std::memcmp(leftSlice.data(), left.data() + offset, framesRead * sizeof(float)) == 0);
+        VELL_FUZZ_CHECK(
+            std::memcmp(rightSlice.data(), right.data() + offset, framesRead * sizeof(float)) == 0);
         position += framesRead;
     }
     VELL_FUZZ_CHECK(position == file->frameCount());

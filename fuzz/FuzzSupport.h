@@ -18,7 +18,8 @@ bool writeBytes(const std::filesystem::path& path, const std::uint8_t* data, std
 /// The input as text.
 inline std::string_view asText(const std::uint8_t* data, std::size_t size)
 {
-    return size == 0 ? std::string_view() : std::string_view(reinterpret_cast<const char*>(data), size);
+    return size == 0 ? std::string_view()
+                     : std::string_view(reinterpret_cast<const char*>(data), size);
 }
 
 } // namespace vell::fuzz

@@ -98,8 +98,8 @@ int checkTypedDecoding(const KeyedUnarchiver& archive, const std::string& key)
     const auto bytes = archive.decodeBytesForKey(key);
     if (value->is_binary()) {
         const auto& binary = value->get_binary();
-        VELL_FUZZ_CHECK(bytes && std::equal(bytes->begin(), bytes->end(), binary.begin(),
-                                            binary.end()));
+        VELL_FUZZ_CHECK(bytes &&
+                        std::equal(bytes->begin(), bytes->end(), binary.begin(), binary.end()));
     } else {
         VELL_FUZZ_CHECK(!bytes && archive.error().has_value());
     }

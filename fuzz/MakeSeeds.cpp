@@ -83,7 +83,8 @@ void keyedArchives(const fs::path& dir)
     std::string indefinite = "\xa3";
     indefinite += "\x69$archiver\x71VellKeyedArchiver";
     indefinite += "\x68$version\x01";
-    indefinite += "\x64$top\xbf\x61" "a\x9f\x01\xff\x61s\x7f\x61x\x61y\xff\xff";
+    indefinite += "\x64$top\xbf\x61"
+                  "a\x9f\x01\xff\x61s\x7f\x61x\x61y\xff\xff";
     write(dir / "indefinite.cbor", indefinite);
 }
 
@@ -116,7 +117,7 @@ void chordNames(const fs::path& dir)
         ++index;
     }
     const char* names[] = {"Am7/G", "  F#maj7  ", "Bb/D", "C#m7b5", "Abm(maj7)/Eb", "Gsus",
-                           "E-7", "Dbdim7/Fb", "B+", "C#maj9", "Ebb7sus4/Cbb"};
+                           "E-7",   "Dbdim7/Fb",  "B+",   "C#maj9", "Ebb7sus4/Cbb"};
     for (const char* name : names) {
         write(dir / ("name-" + std::to_string(index++ - 20)), std::string(name));
     }
@@ -148,7 +149,8 @@ void audioFiles(const fs::path& dir)
         return;
     }
     std::ifstream file(temporary, std::ios::binary);
-    const std::string wave((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string wave((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
     fs::remove(temporary);
     write(dir / "chirp.wav", std::string(1, '\0') + wave);
 }

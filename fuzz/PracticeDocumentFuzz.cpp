@@ -6,10 +6,12 @@
 #include "FuzzSupport.h"
 #include "FuzzTarget.h"
 
+#include <VellAudio/VellBeatLocator.h>
 #include <VellAudio/VellPracticeDocument.h>
 
 #include <array>
 #include <cstdio>
+#include <limits>
 #include <string>
 
 namespace {
@@ -106,6 +108,50 @@ template <class Entry> bool inOrder(const VellEntryArray<Entry>& list)
     return true;
 }
 
+// Every entry lies in the range that spans the whole time line.
+template <class Entry> bool wholeRangeHoldsAll(const VellNoteEntryStorage& storage)
+{
+    const vell::VellFrameRange everything{0, std::numeric_limits<std::uint64_t>::max()};
+    return storage.entriesInRange<Entry>(everything).size() == storage.entries<Entry>().size();
+}
+
+// What a loaded document is used for next: range queries, region ends and bar/beat lookups.
+void checkLoadedEntries(const VellNoteEntryStorage& storage)
+{
+    VELL_FUZZ_CHECK(wholeRangeHoldsAll<vell::VellNoteEntry>(storage));
+    VELL_FUZZ_CHECK(wholeRangeHoldsAll<vell::VellChordEntry>(storage));
+    VELL_FUZZ_CHECK(wholeRangeHoldsAll<vell::VellRegionEntry>(storage));
+    VELL_FUZZ_CHECK(wholeRangeHoldsAll<vell::VellTempoEntry>(storage));
+    for (const auto& region : storage.regionEntries()) {
+        VELL_FUZZ_CHECK(region->endLocation() >= region->location());
+        VELL_FUZZ_CHECK(region->range().location == static_cast<std::uint64_t>(region->location()));
+    }
+
+    vell::VellBeatLocator locator;
+    locator.updateWithNoteEntryStorage(storage);
+    // Each metronome beat (the last of any at one location) is found at its own frame.
+    const auto beats = storage.beatEntriesFilteredByTimeSignature();
+    std::size_t checked = 0;
+    for (std::size_t i = 0; i < beats.size() && checked < 64; ++i) {
+        const vell::Frame location = beats[i]->location();
+        if (location < 0 || (i + 1 < beats.size() && beats[i + 1]->location() == location)) {
+            continue;
+        }
+        ++checked;
+        const auto index = locator.barBeatIndexOfSample(location);
+        VELL_FUZZ_CHECK(locator.sampleOfBarBeatIndex(index) == location);
+        VELL_FUZZ_CHECK(locator.closestBarBeatSampleToSample(location) == location);
+    }
+    // Far before and after the grid, every frame still has a bar and beat.
+    for (const vell::Frame sample : {std::numeric_limits<vell::Frame>::min(), vell::Frame(-1),
+                                     vell::Frame(0), vell::Frame(1) << 62,
+                                     std::numeric_limits<vell::Frame>::max()}) {
+        const auto index = locator.barBeatIndexOfSample(sample);
+        locator.sampleOfBarBeatIndex(index);
+        locator.closestBarBeatSampleToSample(sample);
+    }
+}
+
 /// Counts the change signals a storage emits.
 struct ChangeCounter {
     explicit ChangeCounter(VellNoteEntryStorage& storage)
@@ -157,6 +203,8 @@ VELL_FUZZ_TARGET(PracticeDocument)
                     inOrder(entries.tempoEntries()) && inOrder(entries.keyEntries()) &&
                     inOrder(entries.timeSignatureEntries()) && inOrder(entries.chordEntries()) &&
                     inOrder(entries.regionEntries()) && inOrder(entries.markerEntries()));
+
+    checkLoadedEntries(entries);
 
     // Saved and read back: the same document, and the same text when saved again.
     const std::string saved = document.JSONData();

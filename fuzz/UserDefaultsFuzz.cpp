@@ -61,8 +61,8 @@ void readEveryKey(const UserDefaults& defaults, const json& values)
         const double number = defaults.doubleForKey(key);
         const auto text = defaults.stringForKey(key);
         const json& value = item.value();
-        VELL_FUZZ_CHECK(text.has_value() == (value.is_string() || value.is_number() ||
-                                             value.is_boolean()));
+        VELL_FUZZ_CHECK(text.has_value() ==
+                        (value.is_string() || value.is_number() || value.is_boolean()));
         if (value.is_number()) {
             VELL_FUZZ_CHECK(number == value.get<double>());
         }

@@ -91,8 +91,8 @@ TEST_P(FuzzRegressionTest, EveryCorpusAndRegressionInputKeepsTheInvariants)
         SCOPED_TRACE(path.string());
         const auto bytes = readFile(path);
         // An exact-size copy, so that a read past the end shows under AddressSanitizer.
-        const std::unique_ptr<std::uint8_t[]> data(new std::uint8_t[std::max<std::size_t>(
-            bytes.size(), 1)]);
+        const std::unique_ptr<std::uint8_t[]> data(
+            new std::uint8_t[std::max<std::size_t>(bytes.size(), 1)]);
         std::copy(bytes.begin(), bytes.end(), data.get());
         EXPECT_EQ(GetParam().entry(data.get(), bytes.size()), 0);
     }
@@ -165,7 +165,8 @@ TEST(FuzzInvariantTest, ABrokenInvariantIsReported)
     EXPECT_EQ(gInvariantFailures, before + 1);
     ASSERT_EQ(results.size(), 1);
     EXPECT_TRUE(results.GetTestPartResult(0).failed());
-    EXPECT_NE(std::string(results.GetTestPartResult(0).message()).find("std::string(\"left\") == \"right\""),
+    EXPECT_NE(std::string(results.GetTestPartResult(0).message())
+                  .find("std::string(\"left\") == \"right\""),
               std::string::npos);
 }
 
