@@ -42,7 +42,7 @@ double rawOffset(StretchLevel level, double rate, double tf, double pf, int clic
 {
     const auto config = configFor(level, rate, false);
     const StretchParameters parameters{tf, pf, false};
-    const auto coarse = vell::test::measureClicks(config, parameters, 3, 0.0, 3, 512, 4.0);
+    const auto coarse = vell::test::measureClicks(config, parameters, 2, 0.0, 3, 512, 4.0);
     const double guess = coarse.errors.empty() ? 0.0 : coarse.mean();
     const auto fine = vell::test::measureClicks(config, parameters, clicks, guess, 11);
     if (fine.missing > 0) {
@@ -60,7 +60,7 @@ int table(StretchLevel level, double rate)
         const double tf = Grid::timeFactor(t);
         std::printf("    {");
         for (int p = 0; p < Grid::kPitchSteps; ++p) {
-            const double offset = rawOffset(level, rate, tf, Grid::pitchFactor(p), 40);
+            const double offset = rawOffset(level, rate, tf, Grid::pitchFactor(p), 32);
             std::printf("%s%.0f", p == 0 ? "" : ", ", offset);
             std::fflush(stdout);
         }

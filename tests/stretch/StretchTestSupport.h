@@ -121,7 +121,9 @@ inline Channels clickSignal(int channels, long long frames, const std::vector<lo
 }
 
 /// The onset of the burst around expected: the first frame within ±halfWindow whose magnitude
-/// reaches half the burst's peak. Nothing when the window is silent.
+/// reaches a quarter of the burst's peak. (A stretched click can come out as a few copies of
+/// itself, the first not always the loudest; a quarter picks the first strong one steadily,
+/// where half would jump between copies.) Nothing when the window is silent.
 inline std::optional<double> onsetNear(const std::vector<float>& signal, double expected,
                                        double halfWindow)
 {
@@ -136,7 +138,7 @@ inline std::optional<double> onsetNear(const std::vector<float>& signal, double 
         return std::nullopt;
     }
     for (long long i = first; i < last; ++i) {
-        if (std::fabs(signal[std::size_t(i)]) >= 0.5f * peak) {
+        if (std::fabs(signal[std::size_t(i)]) >= 0.25f * peak) {
             return double(i);
         }
     }

@@ -24,8 +24,11 @@ constexpr int kOwnerRender = 2;
 /// Output frames a lane discards per retrieve call.
 constexpr long kDiscardFrames = 4096;
 /// Rubber Band process calls a lane being primed may make in one slice, on top of the playing
-/// lane's own: bounds the extra work of a change to a few milliseconds per device cycle.
-constexpr int kPrimeFeedsPerSlice = 12;
+/// lane's own: kPrimeFeeds plus one per kPrimeFramesPerFeed frames of the slice, so that it
+/// always gains on the slice (no hop is shorter) while the extra work of a change stays at a
+/// few milliseconds per device cycle.
+constexpr int kPrimeFeeds = 8;
+constexpr long kPrimeFramesPerFeed = 32;
 /// Process calls one lane may make to produce one slice before it gives up (never reached
 /// unless Rubber Band stops producing output; the rest of the slice is then silence).
 constexpr int kMaxFeedsPerSlice = 4096;
@@ -76,6 +79,7 @@ struct Stretcher::Lane {
     // Written by the control side while it owns the lane; read-only once published.
     StretchParameters parameters;
     long pad = 0;        ///< input frames fed before the lane's first input frame
+    long delay = 0;      ///< Rubber Band's start delay (output frames)
     long drop = 0;       ///< output frames to discard first (negative: silent frames to add)
     long pullFrames = 0; ///< input block size while this lane needs input
 
@@ -262,6 +266,7 @@ void Stretcher::prepareLane(Lane& lane, const StretchParameters& parameters, Han
     lane.handover.store(int(handover));
     lane.pad = long(rb.getPreferredStartPad());
     const long delay = long(rb.getStartDelay());
+    lane.delay = delay;
     const double offset =
         mConfig.compensateOffsets
             ? stretchOnsetOffset(mConfig.level, mWindowRatio, parameters.timeFactor, pitch)
@@ -364,7 +369,7 @@ void Stretcher::renderSlice(float* const* output, long frames) noexcept
         mOutputFrames += frames;
         return;
     }
-    if (mPhase == Phase::priming && advancePriming()) {
+    if (mPhase == Phase::priming && advancePriming(frames)) {
         mPhase = Phase::crossfading;
         mFadePosition = 0;
     }
@@ -486,11 +491,17 @@ void Stretcher::restartTimeline(Lane& lane) noexcept
 
 void Stretcher::beginPriming(Lane& lane) noexcept
 {
-    // The lane starts at the whole input frame the mapping puts at the current output frame,
-    // with the input before it (from the history) as its start pad. Its output frame j then
-    // carries input start + j / timeFactor, which the mapping puts at output origin + j.
+    // The lane starts at a whole input frame at or before the one the mapping puts at the
+    // current output frame, with the input before it (from the history) as its start pad. Its
+    // output frame j then carries input start + j / timeFactor, which the mapping puts at
+    // output origin + j; priming skips the frames before the current one. Rubber Band's first
+    // startDelay output frames are its start-up (over a padded silence they are what the drop
+    // removes); when the lane's measured offset keeps some of them (drop below the delay),
+    // the lane starts early enough for all of them to be skipped, never heard.
     const double input = targetInputFrame(double(mOutputFrames));
-    const auto start = Frame(std::floor(input));
+    const double unsettled =
+        double(std::max(lane.delay - lane.drop, 0L)) / lane.parameters.timeFactor;
+    const auto start = Frame(std::floor(input - unsettled)) - (unsettled > 0.0 ? 1 : 0);
     lane.startPosition = start;
     lane.inputPosition = start - lane.pad;
     lane.outputOrigin = mSegmentOutput + (double(start) - mSegmentInput) * mSegmentTimeFactor;
@@ -503,14 +514,14 @@ void Stretcher::beginPriming(Lane& lane) noexcept
     mPhase = Phase::priming;
 }
 
-bool Stretcher::advancePriming() noexcept
+bool Stretcher::advancePriming(long sliceFrames) noexcept
 {
     Lane& lane = *mIncoming;
     // Lane frames that belong before this slice: skip them, a bounded amount per slice.
     const auto target = Frame(std::llround(double(mOutputFrames) - lane.outputOrigin));
     const Frame missing = target - lane.emitted;
     if (missing > 0) {
-        skipLane(lane, long(missing), kPrimeFeedsPerSlice);
+        skipLane(lane, long(missing), kPrimeFeeds + int(sliceFrames / kPrimeFramesPerFeed));
     }
     return lane.emitted >= target;
 }

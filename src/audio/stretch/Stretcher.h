@@ -150,7 +150,7 @@ private:
     VELL_RT void pollControl() noexcept;
     VELL_RT void restartTimeline(Lane& lane) noexcept;
     VELL_RT void beginPriming(Lane& lane) noexcept;
-    VELL_RT bool advancePriming() noexcept;
+    VELL_RT bool advancePriming(long sliceFrames) noexcept;
     VELL_RT void chooseCrossfade(float* const* fadingOut, long frames) noexcept;
     VELL_RT void finishCrossfade() noexcept;
     VELL_RT void giveBack(Lane*& lane) noexcept;
