@@ -128,10 +128,15 @@ std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::create(std::span<const std::ui
         assignError(outError, corruptArchiveError("the data is not a keyed archive"));
         return nullptr;
     }
-    if (version->get<long long>() > kArchiveVersion) {
+    // An unsigned version past the signed range is newer still, not negative.
+    const bool newer = version->is_number_unsigned()
+                           ? version->get<unsigned long long>() >
+                                 static_cast<unsigned long long>(kArchiveVersion)
+                           : version->get<long long>() > kArchiveVersion;
+    if (newer) {
         assignError(outError,
-                    corruptArchiveError(format("archive version %lld is newer than this reader",
-                                               version->get<long long>())));
+                    corruptArchiveError(format("archive version %s is newer than this reader",
+                                               version->dump().c_str())));
         return nullptr;
     }
     return std::unique_ptr<KeyedUnarchiver>(new KeyedUnarchiver(std::move(*top)));

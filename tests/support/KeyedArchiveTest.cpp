@@ -114,6 +114,8 @@ TEST(KeyedArchiveTest, BytesThatAreNotAnArchiveGiveAnError)
         {"map without header", ArchiveValue::to_cbor(ArchiveValue{{"playbackVolume", 1.0}})},
         {"wrong archiver", header("Other", 1, ArchiveValue::object())},
         {"newer version", header("VellKeyedArchiver", 2, ArchiveValue::object())},
+        {"version past the signed range",
+         header("VellKeyedArchiver", 18446744073709551615ull, ArchiveValue::object())},
         {"top not a map", header("VellKeyedArchiver", 1, 5)},
         {"array claiming 2^64-1 items", {0x9b, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
         {"string longer than the data", {0x7a, 0x7f, 0xff, 0xff, 0xff, 'a'}},
