@@ -1,9 +1,9 @@
 // Fuzz target: keyed archives and the structural CBOR check in front of their decoder.
 //
-// Invariants: reading never throws; a refusal says it is corrupt coder data; typed decoding
-// returns what the value holds or notes a mismatch; every value archived again reads back the
-// same; and the structural check never refuses CBOR the decoder reads, unless it nests too
-// deeply.
+// Invariants: reading never throws; a refusal says it is corrupt coder data; only archives of
+// this version or older open; typed decoding returns what the value holds or notes a mismatch;
+// every value archived again reads back the same; and the structural check never refuses CBOR
+// the decoder reads, unless it nests too deeply.
 #include "FuzzSupport.h"
 #include "FuzzTarget.h"
 
@@ -121,6 +121,11 @@ VELL_FUZZ_TARGET(KeyedArchive)
         return 0;
     }
     VELL_FUZZ_CHECK(!archive->error().has_value());
+    // Only archives of this version or older open.
+    const auto header = ArchiveValue::from_cbor(bytes.begin(), bytes.end());
+    const auto& version = header.at("$version");
+    VELL_FUZZ_CHECK(version.is_number_unsigned() ? version.get<std::uint64_t>() <= 1
+                                                 : version.get<std::int64_t>() <= 1);
 
     // Archived again, key by key, every value reads back the same (compared as CBOR, so that a
     // NaN equals itself).

@@ -143,9 +143,9 @@ void checkLoadedEntries(const VellNoteEntryStorage& storage)
         VELL_FUZZ_CHECK(locator.closestBarBeatSampleToSample(location) == location);
     }
     // Far before and after the grid, every frame still has a bar and beat.
-    for (const vell::Frame sample : {std::numeric_limits<vell::Frame>::min(), vell::Frame(-1),
-                                     vell::Frame(0), vell::Frame(1) << 62,
-                                     std::numeric_limits<vell::Frame>::max()}) {
+    for (const vell::Frame sample :
+         {std::numeric_limits<vell::Frame>::min(), vell::Frame(-1), vell::Frame(0),
+          vell::Frame(1) << 62, std::numeric_limits<vell::Frame>::max()}) {
         const auto index = locator.barBeatIndexOfSample(sample);
         locator.sampleOfBarBeatIndex(index);
         locator.closestBarBeatSampleToSample(sample);
