@@ -38,12 +38,29 @@ std::size_t containerDepth(const ArchiveValue& value)
     return deepest;
 }
 
-// The decoder is recursive; only small inputs are handed to it unchecked.
-constexpr std::size_t kLargestUncheckedInput = 8192;
+// The decoder recurses once per nesting level, and each byte can open a level: only inputs
+// this small are handed to it unchecked (a few thousand levels overflow the stack under
+// AddressSanitizer).
+constexpr std::size_t kLargestUncheckedInput = 1024;
+
+// Whether an array or map declares 2^64 - 1 items, which the decoder takes for an
+// indefinite length (its marker for one) and the check, rightly, for a count beyond the data.
+bool declaresLargestCount(std::span<const std::uint8_t> bytes)
+{
+    for (std::size_t i = 0; i + 9 <= bytes.size(); ++i) {
+        if ((bytes[i] == 0x9b || bytes[i] == 0xbb) &&
+            std::all_of(bytes.begin() + static_cast<std::ptrdiff_t>(i + 1),
+                        bytes.begin() + static_cast<std::ptrdiff_t>(i + 9),
+                        [](std::uint8_t b) { return b == 0xff; })) {
+            return true;
+        }
+    }
+    return false;
+}
 
 void checkAgainstDecoder(std::span<const std::uint8_t> bytes)
 {
-    if (bytes.size() > kLargestUncheckedInput) {
+    if (bytes.size() > kLargestUncheckedInput || declaresLargestCount(bytes)) {
         return;
     }
     const std::size_t maxDepth = vell::kKeyedArchiveMaxDepth + 2;
