@@ -389,17 +389,31 @@ int depthOf(const json& value)
     return deepest;
 }
 
-std::string truncatedName(const std::string& name)
+// Text as the reader will find it: invalid UTF-8 replaced first (by the JSON writer's own rules,
+// so nothing grows after the cut: each bad byte becomes three), then cut to maximum bytes.
+std::string writableText(const std::string& text, std::size_t maximum)
 {
-    if (name.size() <= kMaxNameBytes) {
-        return name;
+    std::string valid = text;
+    try {
+        static_cast<void>(json(text).dump());
+    } catch (const json::type_error&) {
+        valid = json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace))
+                    .get<std::string>();
     }
-    std::size_t end = kMaxNameBytes;
+    if (valid.size() <= maximum) {
+        return valid;
+    }
+    std::size_t end = maximum;
     // Never split a UTF-8 sequence: back off over continuation bytes.
-    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) {
+    while (end > 0 && (static_cast<unsigned char>(valid[end]) & 0xC0) == 0x80) {
         --end;
     }
-    return name.substr(0, end);
+    return valid.substr(0, end);
+}
+
+std::string truncatedName(const std::string& name)
+{
+    return writableText(name, kMaxNameBytes);
 }
 
 std::string dumpCompact(const ordered_json& value)
@@ -559,7 +573,7 @@ std::string VellPracticeDocument::JSONData() const
                            : ordered_json(mSampleRate)) +
            ",\n";
     if (!mAudioFile.empty()) {
-        out += "  \"audioFile\": " + dumpCompact(mAudioFile.substr(0, kMaxPathBytes)) + ",\n";
+        out += "  \"audioFile\": " + dumpCompact(writableText(mAudioFile, kMaxPathBytes)) + ",\n";
     }
     writeList(out, "beats", storage.beatEntries(),
               [](ordered_json& item, const VellBeatEntry& beat) {

@@ -189,6 +189,27 @@ TEST(VellPracticeDocumentTest, EntriesTheReaderWouldRefuseAreNotWritten)
     EXPECT_EQ(back.markerEntries()[0]->name(), std::string(999, 'x'));
 }
 
+// Invalid UTF-8 is replaced before the cut (each bad byte becomes three), so a name or path
+// never grows past the limit the reader holds it to.
+TEST(VellPracticeDocumentTest, InvalidUtf8NamesStayWithinTheLimits)
+{
+    VellPracticeDocument document;
+    put<VellRegionEntry>(*document.noteEntryStorage(), 0)->setName(std::string(600, '\xff'));
+    document.setAudioFile(std::string(3000, '\xff') + ".wav");
+    VellPracticeDocument loaded;
+    Error error;
+    ASSERT_TRUE(loaded.readFromJSONData(document.JSONData(), &error))
+        << error.localizedDescription();
+    const std::string replacement = "\xEF\xBF\xBD";
+    std::string name;
+    for (int i = 0; i < 333; ++i) {
+        name += replacement; // 999 bytes: a 334th would split at the limit
+    }
+    EXPECT_EQ(loaded.noteEntryStorage()->regionEntries()[0]->name(), name);
+    EXPECT_LE(loaded.audioFile().size(), 4096u);
+    EXPECT_EQ(loaded.audioFile().substr(0, 6), replacement + replacement);
+}
+
 // Tempos are floats: each is written with the digits it needs to read back as the same float,
 // and one that a float cannot hold is refused rather than dropped at the next save.
 TEST(VellPracticeDocumentTest, TemposReadBackAsTheSameFloat)
