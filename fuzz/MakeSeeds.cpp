@@ -57,6 +57,31 @@ void practiceDocuments(const fs::path& dir)
 )");
 }
 
+// Edits for the writing target: an opcode byte (mod 10) and its values, see
+// PracticeDocumentWriteFuzz.cpp.
+void documentEdits(const fs::path& dir)
+{
+    const std::vector<std::uint8_t> every = {
+        0, 1, 2, 60,  3,                                 // note at 1000, length 2000, C4, channel 3
+        1, 0, 1,                                         // downbeat at 0
+        2, 0, 5, 0,   96,  128,                          // tempo at 0, length 5000, 96.5 BPM
+        3, 0, 6, 8,                                      // 6/8 at 0
+        4, 0, 0, 2,   1,   31,                           // key at 0: A minor over B
+        5, 2, 3, 4,   1,   4,   0,                       // chord at 2000: Ebm7
+        6, 0, 9, 5,   'V', 'e', 'r', 's', 'e',           // region "Verse"
+        7, 4, 0,                                         // marker without a name
+        8, 0, 5, 's', 'p', 'e', 'e', 'd', 1,   '1',      // settings {"speed": "1"}
+        9, 1, 8, 's', 'o', 'n', 'g', '.', 'w', 'a', 'v', // audio file
+    };
+    write(dir / "every-edit", every);
+    // A region name of 0xff bytes at the length limit, and a sample rate of 0.5 Hz.
+    std::vector<std::uint8_t> unusual = {6, 0, 1, 2, 0xff, '*', 62, 9, 0};
+    const double halfHertz = 0.5;
+    const auto* rate = reinterpret_cast<const std::uint8_t*>(&halfHertz);
+    unusual.insert(unusual.end(), rate, rate + sizeof halfHertz);
+    write(dir / "unusual-values", unusual);
+}
+
 void keyedArchives(const fs::path& dir)
 {
     write(dir / "empty.cbor", vell::KeyedArchiver().encodedData());
@@ -165,6 +190,7 @@ int main(int argc, char** argv)
     }
     const fs::path corpus = argv[1];
     practiceDocuments(corpus / "PracticeDocument");
+    documentEdits(corpus / "PracticeDocumentWrite");
     keyedArchives(corpus / "KeyedArchive");
     userDefaults(corpus / "UserDefaults");
     chordNames(corpus / "KChord");

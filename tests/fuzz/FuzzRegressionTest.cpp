@@ -25,6 +25,7 @@ VELL_FUZZ_DECLARE(KChord);
 VELL_FUZZ_DECLARE(KeyedArchive);
 VELL_FUZZ_DECLARE(KPitch);
 VELL_FUZZ_DECLARE(PracticeDocument);
+VELL_FUZZ_DECLARE(PracticeDocumentWrite);
 VELL_FUZZ_DECLARE(UserDefaults);
 
 namespace {
@@ -100,16 +101,16 @@ TEST_P(FuzzRegressionTest, EveryCorpusAndRegressionInputKeepsTheInvariants)
     EXPECT_EQ(GetParam().entry(nullptr, 0), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, FuzzRegressionTest,
-                         testing::Values(Target{"AudioFile", vellFuzzAudioFile},
-                                         Target{"KChord", vellFuzzKChord},
-                                         Target{"KeyedArchive", vellFuzzKeyedArchive},
-                                         Target{"KPitch", vellFuzzKPitch},
-                                         Target{"PracticeDocument", vellFuzzPracticeDocument},
-                                         Target{"UserDefaults", vellFuzzUserDefaults}),
-                         [](const testing::TestParamInfo<Target>& targetInfo) {
-                             return std::string(targetInfo.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Targets, FuzzRegressionTest,
+    testing::Values(Target{"AudioFile", vellFuzzAudioFile}, Target{"KChord", vellFuzzKChord},
+                    Target{"KeyedArchive", vellFuzzKeyedArchive}, Target{"KPitch", vellFuzzKPitch},
+                    Target{"PracticeDocument", vellFuzzPracticeDocument},
+                    Target{"PracticeDocumentWrite", vellFuzzPracticeDocumentWrite},
+                    Target{"UserDefaults", vellFuzzUserDefaults}),
+    [](const testing::TestParamInfo<Target>& targetInfo) {
+        return std::string(targetInfo.param.name);
+    });
 
 // The seeds reach past the first check of each parser: a seed the parser refuses would leave the
 // fuzzer to rediscover the format by chance.
