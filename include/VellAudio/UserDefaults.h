@@ -66,7 +66,8 @@ public:
     void setInteger(long long value, std::string_view key);
     void setDouble(double value, std::string_view key);
     void setString(std::string_view value, std::string_view key);
-    /// Stores any JSON value; a null value removes the key.
+    /// Stores any JSON value; a null value removes the key. A value whose arrays and objects
+    /// nest more than 255 deep is not stored (and logged): the file could not be read back.
     void setObject(const nlohmann::json& value, std::string_view key);
     void removeObjectForKey(std::string_view key);
 

@@ -18,6 +18,7 @@
 #include <pwd.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace vell {
 
@@ -94,6 +95,26 @@ void removeStaleTemporaries(const std::filesystem::path& path)
             std::filesystem::remove(entry.path(), timeError);
         }
     }
+}
+
+/// Whether the arrays and objects of value nest at most maxDepth deep, without recursing.
+bool nestingWithin(const json& value, std::size_t maxDepth)
+{
+    std::vector<std::pair<const json*, std::size_t>> pending{{&value, 0}};
+    while (!pending.empty()) {
+        const auto [node, depth] = pending.back();
+        pending.pop_back();
+        if (!node->is_structured()) {
+            continue;
+        }
+        if (depth >= maxDepth) {
+            return false;
+        }
+        for (const auto& child : *node) {
+            pending.emplace_back(&child, depth + 1);
+        }
+    }
+    return true;
 }
 
 /// The stored values read from path; empty when there are none or they cannot be used.
@@ -456,6 +477,13 @@ void UserDefaults::setObject(const json& value, std::string_view key)
 {
     if (value.is_null()) {
         removeObjectForKey(key);
+        return;
+    }
+    // The file's own object is one more level: anything deeper would make it unreadable.
+    if (!nestingWithin(value, kMaxJsonDepth - 1)) {
+        VELL_LOG_ERROR(format("The user default \"%.*s\" nests deeper than %zu levels and is "
+                              "not stored",
+                              static_cast<int>(key.size()), key.data(), kMaxJsonDepth - 1));
         return;
     }
     std::lock_guard lock(mImpl->mutex);

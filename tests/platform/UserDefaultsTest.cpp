@@ -136,6 +136,33 @@ TEST_F(UserDefaultsTest, ValuesSurviveReopeningTheFile)
     EXPECT_FALSE(reopened->hasObjectForKey("removed"));
 }
 
+// A value nested deeper than a file may be would make the whole file unreadable at the next
+// start: it is refused, and everything else survives.
+TEST_F(UserDefaultsTest, ValuesNestedTooDeeplyForTheFileAreNotStored)
+{
+    const auto nested = [](int depth) {
+        json value = 1;
+        for (int i = 0; i < depth; ++i) {
+            value = json::array({std::move(value)});
+        }
+        return value;
+    };
+    {
+        auto defaults = UserDefaults::openFile(mPath);
+        defaults->setInteger(7, "kept");
+        defaults->setObject(nested(255), "deepest allowed");
+        test::LogCapture capture;
+        defaults->setObject(nested(256), "too deep");
+        EXPECT_FALSE(defaults->hasObjectForKey("too deep"));
+        EXPECT_EQ(capture.lines().size(), 1u);
+    }
+    test::LogCapture capture;
+    auto reopened = UserDefaults::openFile(mPath);
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_EQ(reopened->integerForKey("kept"), 7);
+    EXPECT_EQ(reopened->objectForKey("deepest allowed"), nested(255));
+}
+
 TEST_F(UserDefaultsTest, CorruptFileIsReportedOnceMovedAsideAndTreatedAsEmpty)
 {
     fs::create_directories(mPath.parent_path());
