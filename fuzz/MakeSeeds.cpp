@@ -130,6 +130,27 @@ void userDefaults(const fs::path& dir)
     write(dir / "truncated.json", "{\"VellPlaybackSpeed\": 0.");
 }
 
+// Changes for the writing target: an opcode byte (mod 7), a key and the value, see
+// UserDefaultsWriteFuzz.cpp.
+void userDefaultsChanges(const fs::path& dir)
+{
+    std::vector<std::uint8_t> every = {
+        0, 4, 'l', 'o',  'o',  'p',  1,                            // loop = true
+        3, 4, 'n', 'a',  'm',  'e',  3,    'a',  0xff, 'b',        // name = "a\xffb"
+        4, 1, 'j', 7,    '[',  '1',  ',',  '{',  '}',  ']',  ' ',  // j = [1, {}]
+        6, 4, 'l', 'o',  'o',  'p',                                // remove loop
+        1, 1, 'i', 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x7f, // i = 2^63 - 1
+    };
+    write(dir / "every-change", every);
+    // Arrays and objects nested 100 deep around 1.5.
+    std::vector<std::uint8_t> nested = {5, 1, 'n'};
+    const double value = 1.5;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&value);
+    nested.insert(nested.end(), bytes, bytes + sizeof value);
+    nested.push_back(50);
+    write(dir / "nested", nested);
+}
+
 void chordNames(const fs::path& dir)
 {
     std::string all;
@@ -193,6 +214,7 @@ int main(int argc, char** argv)
     documentEdits(corpus / "PracticeDocumentWrite");
     keyedArchives(corpus / "KeyedArchive");
     userDefaults(corpus / "UserDefaults");
+    userDefaultsChanges(corpus / "UserDefaultsWrite");
     chordNames(corpus / "KChord");
     pitchNames(corpus / "KPitch");
     audioFiles(corpus / "AudioFile");

@@ -27,6 +27,7 @@ VELL_FUZZ_DECLARE(KPitch);
 VELL_FUZZ_DECLARE(PracticeDocument);
 VELL_FUZZ_DECLARE(PracticeDocumentWrite);
 VELL_FUZZ_DECLARE(UserDefaults);
+VELL_FUZZ_DECLARE(UserDefaultsWrite);
 
 namespace {
 
@@ -101,16 +102,35 @@ TEST_P(FuzzRegressionTest, EveryCorpusAndRegressionInputKeepsTheInvariants)
     EXPECT_EQ(GetParam().entry(nullptr, 0), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Targets, FuzzRegressionTest,
-    testing::Values(Target{"AudioFile", vellFuzzAudioFile}, Target{"KChord", vellFuzzKChord},
-                    Target{"KeyedArchive", vellFuzzKeyedArchive}, Target{"KPitch", vellFuzzKPitch},
-                    Target{"PracticeDocument", vellFuzzPracticeDocument},
-                    Target{"PracticeDocumentWrite", vellFuzzPracticeDocumentWrite},
-                    Target{"UserDefaults", vellFuzzUserDefaults}),
-    [](const testing::TestParamInfo<Target>& targetInfo) {
-        return std::string(targetInfo.param.name);
-    });
+const Target kTargets[] = {
+    {"AudioFile", vellFuzzAudioFile},
+    {"KChord", vellFuzzKChord},
+    {"KeyedArchive", vellFuzzKeyedArchive},
+    {"KPitch", vellFuzzKPitch},
+    {"PracticeDocument", vellFuzzPracticeDocument},
+    {"PracticeDocumentWrite", vellFuzzPracticeDocumentWrite},
+    {"UserDefaults", vellFuzzUserDefaults},
+    {"UserDefaultsWrite", vellFuzzUserDefaultsWrite},
+};
+
+INSTANTIATE_TEST_SUITE_P(Targets, FuzzRegressionTest, testing::ValuesIn(kTargets),
+                         [](const testing::TestParamInfo<Target>& targetInfo) {
+                             return std::string(targetInfo.param.name);
+                         });
+
+// A corpus or regression directory without a target here would never run.
+TEST(FuzzTargetListTest, EveryCorpusAndRegressionDirectoryHasItsTarget)
+{
+    const fs::path root = fs::path(VELL_SOURCE_DIR) / "fuzz";
+    for (const char* kind : {"corpus", "regressions"}) {
+        for (const auto& item : fs::directory_iterator(root / kind)) {
+            const std::string name = item.path().filename().string();
+            SCOPED_TRACE(name);
+            EXPECT_TRUE(std::any_of(std::begin(kTargets), std::end(kTargets),
+                                    [&](const Target& target) { return name == target.name; }));
+        }
+    }
+}
 
 // The seeds reach past the first check of each parser: a seed the parser refuses would leave the
 // fuzzer to rediscover the format by chance.
