@@ -44,8 +44,8 @@ namespace vell {
 /// hands out fresh ones.
 ///
 /// Reading is all or nothing: a malformed document gives an error that names the place
-/// ("beats[3].location: expected an integer") and leaves the document as it was. Limits: 64 MiB
-/// of text, nesting depth 64, 1,000,000 entries per list, 1,000 bytes per name.
+/// ("beats[3].location: expected an integer") and leaves the document as it was. Limits: 128 MiB
+/// of text, nesting depth 64, 2,000,000 entries per list, 1,000 bytes per name.
 ///
 /// Thread: main.
 class VellPracticeDocument {
