@@ -2,7 +2,7 @@
 // src/audio/stretch/StretchCalibrationTable.inc, or checks the compensated timing.
 //   stretch_calibrate table LEVEL RATE   one level's block of the table at one window scale
 //                                        (stdout; calibrate.sh assembles the whole table)
-//   stretch_calibrate check              compensated onset errors over a matrix, every level
+//   stretch_calibrate check LEVEL RATE   compensated onset errors over a matrix of factors
 //   stretch_calibrate point LEVEL RATE TF PF [raw]
 #include "StretchTestSupport.h"
 
@@ -22,8 +22,6 @@ using Grid = vell::detail::StretchCalibrationGrid;
 namespace {
 
 StretchLevel levelNamed(const char* name);
-
-constexpr StretchLevel kLevels[] = {StretchLevel::best, StretchLevel::good, StretchLevel::lowCPU};
 
 Stretcher::Config configFor(StretchLevel level, double rate, bool compensate)
 {
@@ -60,7 +58,7 @@ int table(StretchLevel level, double rate)
         const double tf = Grid::timeFactor(t);
         std::printf("    {");
         for (int p = 0; p < Grid::kPitchSteps; ++p) {
-            const double offset = rawOffset(level, rate, tf, Grid::pitchFactor(p), 32);
+            const double offset = rawOffset(level, rate, tf, Grid::pitchFactor(p), rate > 50000.0 ? 40 : 64);
             std::printf("%s%.0f", p == 0 ? "" : ", ", offset);
             std::fflush(stdout);
         }
@@ -71,31 +69,34 @@ int table(StretchLevel level, double rate)
     return 0;
 }
 
-int check()
+/// Compensated onset errors over a matrix of factors, for one level at one rate.
+int check(StretchLevel level, double rate)
 {
     const double tfs[] = {0.25, 0.5, 0.75, 1.0, 1.5, 2.0, 3.0, 4.0};
     const double pfs[] = {0.5, 0.75, 1.0, 1.33, 2.0};
-    for (StretchLevel level : kLevels) {
-        for (double rate : {44100.0, 48000.0, 96000.0}) {
-            double worstMean = 0.0, worstSingle = 0.0;
-            std::printf("%s %.0f Hz: mean [lowest, highest] onset error in ms\n",
-                        vell::stretchLevelName(level), rate);
-            for (double tf : tfs) {
-                std::printf("  tf %5.2f:", tf);
-                for (double pf : pfs) {
-                    const auto e = vell::test::measureClicks(configFor(level, rate, true),
-                                                             {tf, pf, false}, 32);
-                    const double ms = 1000.0 / rate;
-                    std::printf("  %+5.1f [%+5.1f %+5.1f]", e.mean() * ms, e.lowest() * ms, e.highest() * ms);
-                    worstMean = std::max(worstMean, std::fabs(e.mean()) * ms);
-                    worstSingle = std::max({worstSingle, std::fabs(e.lowest()) * ms, std::fabs(e.highest()) * ms});
-                    std::fflush(stdout);
-                }
-                std::printf("\n");
-            }
-            std::printf("  worst mean %.2f ms, worst single click %.2f ms\n", worstMean, worstSingle);
-        }
+    const double ms = 1000.0 / rate;
+    double worstMean = 0.0, worstSingle = 0.0;
+    std::printf("%s %.0f Hz: mean [lowest, highest] onset error in ms; columns pitch factor",
+                vell::stretchLevelName(level), rate);
+    for (double pf : pfs) {
+        std::printf(" %.2f", pf);
     }
+    std::printf("\n");
+    for (double tf : tfs) {
+        std::printf("  tf %4.2f:", tf);
+        for (double pf : pfs) {
+            const auto e = vell::test::measureClicks(configFor(level, rate, true), {tf, pf, false},
+                                                     32, 0.0, 5);
+            std::printf("  %+5.1f [%+5.1f %+5.1f]", e.mean() * ms, e.lowest() * ms,
+                        e.highest() * ms);
+            worstMean = std::max(worstMean, std::fabs(e.mean()) * ms);
+            worstSingle =
+                std::max({worstSingle, std::fabs(e.lowest()) * ms, std::fabs(e.highest()) * ms});
+            std::fflush(stdout);
+        }
+        std::printf("\n");
+    }
+    std::printf("  worst mean %.2f ms, worst single click %.2f ms\n", worstMean, worstSingle);
     return 0;
 }
 
@@ -117,8 +118,8 @@ int main(int argc, char** argv)
     if (argc >= 4 && std::strcmp(argv[1], "table") == 0) {
         return table(levelNamed(argv[2]), std::atof(argv[3]));
     }
-    if (argc >= 2 && std::strcmp(argv[1], "check") == 0) {
-        return check();
+    if (argc >= 4 && std::strcmp(argv[1], "check") == 0) {
+        return check(levelNamed(argv[2]), std::atof(argv[3]));
     }
     if (argc >= 6 && std::strcmp(argv[1], "point") == 0) {
         const StretchLevel level = levelNamed(argv[2]);
@@ -131,6 +132,6 @@ int main(int argc, char** argv)
                     e.missing);
         return 0;
     }
-    std::fprintf(stderr, "usage: stretch_calibrate table LEVEL RATE | check | point LEVEL RATE TF PF [raw]\n");
+    std::fprintf(stderr, "usage: stretch_calibrate table LEVEL RATE | check LEVEL RATE | point LEVEL RATE TF PF [raw]\n");
     return 2;
 }

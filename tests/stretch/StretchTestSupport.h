@@ -162,16 +162,18 @@ struct OnsetErrors {
     double highest() const { return errors.empty() ? 0.0 : *std::max_element(errors.begin(), errors.end()); }
 };
 
-/// Click positions for a train: one per spacing input frames, each moved on by a different
-/// fraction of 1024 frames (evenly spread, starting at a phase chosen by seed) so that the clicks
-/// fall at every phase of the stretcher's hops alike and their mean error is the stretcher's.
+/// Click positions for a train: one per spacing input frames, each moved on by a fraction of
+/// 1024 frames from a golden-ratio (Weyl) sequence started by seed, so that the clicks fall
+/// evenly at every phase of any hop size that divides 1024 and their mean error is the
+/// stretcher's, not the sample's.
 inline std::vector<long long> clickPositions(int count, long long first, long long spacing,
                                              std::uint32_t seed)
 {
+    constexpr double kGolden = 0.6180339887498949;
     std::vector<long long> at;
     for (int i = 0; i < count; ++i) {
-        const long long phase = (long long)((seed * 97u + (std::uint32_t)i * 1024u / (std::uint32_t)count) % 1024u);
-        at.push_back(first + i * spacing + phase);
+        const double fraction = std::fmod(0.1 * seed + kGolden * i, 1.0);
+        at.push_back(first + i * spacing + (long long)(fraction * 1024.0));
     }
     return at;
 }

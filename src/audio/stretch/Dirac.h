@@ -51,8 +51,10 @@ void DiracDestroy(DiracInstance* instance);
 /// position; until then the previous mapping continues. Pitch and formant changes cross-fade
 /// the same way and leave the timing alone.
 ///
-/// Input is pulled in whole blocks of 4096 to 16384 frames (at least the stretcher's look-ahead
-/// at the current factors), so at most three pulled blocks are ever waiting to be heard.
+/// Input is pulled in whole blocks of 4096 to 16384 frames (twice that at 88.2 and 96 kHz), at
+/// least the stretcher's look-ahead at the current factors, so that at time factors 0.25 .. 4
+/// at most three pulled blocks are waiting to be heard at any time (the engine's range
+/// tracker has three slots).
 ///
 /// Thread: render (one thread at a time). Wait-free, no allocation, no locks, no system calls.
 long DiracProcess(float** channelData, long frames, DiracInstance* instance) noexcept;
