@@ -154,6 +154,8 @@ bool Stretcher::build()
     allocate(mFeedBuffer, mMaxFeedFrames, &mFeedPointers);
     allocate(mMixBuffer, mConfig.maxFramesPerCall, &mMixPointers);
     allocate(mDiscardBuffer, kDiscardFrames, &mDiscardPointers);
+    allocate(mScrubBuffer, kDiscardFrames, &mScrubPointers);
+    mSilence.assign(std::size_t(mMaxFeedFrames), 0.0f);
     mFadeIn.resize(std::size_t(mCrossfadeFrames) + 1);
     for (long i = 0; i <= mCrossfadeFrames; ++i) {
         mFadeIn[std::size_t(i)] =
@@ -257,6 +259,9 @@ void Stretcher::prepareLane(Lane& lane, const StretchParameters& parameters, Han
 {
     RubberBandStretcher& rb = *lane.rb;
     const double pitch = roundedPitchFactor(parameters.pitchFactor);
+    if (pitch != 1.0) {
+        scrubResampler(rb, pitch);
+    }
     rb.reset();
     rb.setTimeRatio(parameters.timeFactor);
     rb.setPitchScale(pitch);
@@ -279,6 +284,34 @@ void Stretcher::prepareLane(Lane& lane, const StretchParameters& parameters, Han
     const double lookAhead = 2.0 * double(lane.pad) + lead / parameters.timeFactor;
     lane.pullFrames = long(std::clamp<Frame>(roundUpTo(Frame(lookAhead * 1.25), 1024),
                                              mMinPullFrames, mMaxPullFrames));
+}
+
+void Stretcher::scrubResampler(RubberBand::RubberBandStretcher& rb, double pitch)
+{
+    // Rubber Band's reset() leaves its resampler's two filter states as they were, and the
+    // state it starts with after a reset is a copy of the other one: the last milliseconds of
+    // whatever the lane played before (or of the warm-up noise) would leak into its new start.
+    // Silence run through both states (a ratio change without a reset swaps them, on the same
+    // side of 1 so that R2 does not reset them itself) leaves nothing to leak.
+    const double other = pitch > 1.0 ? pitch * 1.01 : pitch / 1.01;
+    for (const double step : {pitch, roundedPitchFactor(other)}) {
+        rb.setPitchScale(step);
+        for (int feeds = 0; feeds < 2; ++feeds) {
+            const std::size_t required =
+                std::clamp<std::size_t>(rb.getSamplesRequired(), 512, std::size_t(mMaxFeedFrames));
+            std::array<const float*, kMaxChannels> silence{};
+            for (int c = 0; c < mConfig.channels; ++c) {
+                silence[std::size_t(c)] = mSilence.data();
+            }
+            rb.process(silence.data(), std::min(required, mSilence.size()), false);
+            while (rb.available() > 0) {
+                const auto wanted = std::min<long>(rb.available(), kDiscardFrames);
+                if (rb.retrieve(mScrubPointers.data(), std::size_t(wanted)) == 0) {
+                    break;
+                }
+            }
+        }
+    }
 }
 
 void Stretcher::publish(Lane& lane)

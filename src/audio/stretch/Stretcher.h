@@ -143,6 +143,7 @@ private:
     // Control side.
     Lane* acquireLane(Handover& ioHandover);
     void prepareLane(Lane& lane, const StretchParameters& parameters, Handover handover);
+    void scrubResampler(RubberBand::RubberBandStretcher& rb, double pitch);
     void publish(Lane& lane);
 
     // Render side.
@@ -201,7 +202,11 @@ private:
     std::vector<std::vector<float>> mFeedBuffer;
     std::vector<std::vector<float>> mMixBuffer;
     std::vector<std::vector<float>> mDiscardBuffer;
-    std::vector<float> mFadeIn; ///< equal-power gains, mCrossfadeFrames + 1 of them
+    std::vector<float> mFadeIn; ///< sine fade-in gains, mCrossfadeFrames + 1 of them
+    // Control side: silence and a discard buffer for scrubbing a lane's resampler.
+    std::vector<float> mSilence;
+    std::vector<std::vector<float>> mScrubBuffer;
+    std::array<float*, kMaxChannels> mScrubPointers{};
     std::array<float*, kMaxChannels> mPullPointers{};
     std::array<float*, kMaxChannels> mFeedPointers{};
     std::array<float*, kMaxChannels> mMixPointers{};
