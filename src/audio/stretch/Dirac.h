@@ -42,13 +42,14 @@ void DiracDestroy(DiracInstance* instance);
 /// Timing: the stretcher's own latency is hidden. After a reset, output frame k carries input
 /// frame k x rate = k / timeFactor, where input frame 0 is the first frame the callback
 /// supplies after the reset; a transient at input frame F is heard at output frame
-/// F x timeFactor (within 1 ms on average at the best level, see StretchCalibration.h for what
-/// each level reaches). A time-factor change takes effect at the first DiracProcess call that
-/// starts after DiracSetProperty returned: if that call starts at output frame K0 and K0 carried
-/// input frame I0, output frame k >= K0 carries I0 + (k - K0) / newTimeFactor, exactly as the
-/// engine's frame bookkeeping assumes. The stretcher reaches that mapping by cross-fading (over
-/// about 20 ms, a few milliseconds after the call) into a second stretcher primed at the exact
-/// position; until then the previous mapping continues. Pitch and formant changes cross-fade
+/// F x timeFactor (within 1 ms on average at the best level at 44.1/48 kHz; StretchCalibration.h
+/// says what each level reaches). A time-factor change takes effect at the first DiracProcess
+/// call that starts after the new value became visible (at the latest, after DiracSetProperty
+/// returned): if that call starts at output frame K0 and K0 carried input frame I0, output frame
+/// k >= K0 carries I0 + (k - K0) / newTimeFactor, exactly as the engine's frame bookkeeping
+/// assumes. The stretcher reaches that mapping by cross-fading over 20 ms into a second
+/// stretcher primed at the exact position (the hand-over is complete 25 to 50 ms after the
+/// change); until then the previous mapping continues. Pitch and formant changes cross-fade
 /// the same way and leave the timing alone.
 ///
 /// Input is pulled in whole blocks of 4096 to 16384 frames (twice that at 88.2 and 96 kHz), at

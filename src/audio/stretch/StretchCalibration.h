@@ -1,5 +1,23 @@
 // Measured timing of each level: where a transient comes out of Rubber Band, relative to where it
 // belongs, when the stretcher is padded and trimmed as Rubber Band advises.
+//
+// Rubber Band's start pad and start delay alone leave clicks early or late by up to hundreds of
+// milliseconds: R3 ignores the time factor in its start delay and the resampler's delay when
+// pitch shifting, and R2 renders a transient in the hop that catches it. The stretcher takes
+// the measured offset off as well (Stretcher.cpp). The table is regenerated with
+// bench/stretch/calibrate.sh; `stretch_calibrate check LEVEL RATE` measures what is left.
+// What is left, as the mean onset error of clicks at every hop phase (44.1/48 kHz, time factors
+// 0.25 .. 4, pitch factors 0.5 .. 2):
+// - best: within 1 ms at the grid's factors, 1.4 ms at worst between them. Single clicks
+//   scatter by ±2 to 6 ms around the mean (up to 19 ms at time 0.25 with pitch 0.5): R3 renders
+//   a transient unstretched within the analysis hop that catches it.
+// - good: within 1.5 ms, except about 5 ms around time 3 with pitch 1.33; single clicks up to
+//   35 ms off at time 4, where R2 may render a click as two copies.
+// - low CPU: within 1.2 ms, 3 ms around time 3 with pitch 1.33; single clicks up to 17 ms.
+// At 88.2/96 kHz the R2 levels stay within 3.4 and 1.2 ms; R3 renders clicks stretched by more
+// than about 1.5 as two copies half a window (43 ms) apart whose strengths swap from click to
+// click, so the best level's mean there is within 1 ms only up to about 1.2x and can be tens
+// of milliseconds off beyond (128 ms at time 4 with pitch 2).
 #pragma once
 
 #include "audio/stretch/StretchLevel.h"
