@@ -418,6 +418,8 @@ private:
     /// Removes and detaches those of entries that are in this storage; whether any were.
     template <class Entry> bool detachAll(const VellEntryArray<Entry>& entries);
     template <class Entry> void reorder(const VellEntry& entry);
+    /// Calls fn with each of the eight typed lists, in entry-kind order.
+    template <class Fn> void forEachList(Fn&& fn);
     template <class Entry> bool setEntriesOfType(VellEntryArray<Entry> incoming);
     void entryDidChange(VellEntry& entry, bool locationChanged);
     void announce(VellEntryKind kind);

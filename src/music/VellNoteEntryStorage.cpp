@@ -181,6 +181,18 @@ template <> VellEntryArray<VellMarkerEntry>& VellNoteEntryStorage::mutableEntrie
     return mMarkerEntries;
 }
 
+template <class Fn> void VellNoteEntryStorage::forEachList(Fn&& fn)
+{
+    fn(mNoteEntries);
+    fn(mBeatEntries);
+    fn(mTempoEntries);
+    fn(mKeyEntries);
+    fn(mTimeSignatureEntries);
+    fn(mChordEntries);
+    fn(mRegionEntries);
+    fn(mMarkerEntries);
+}
+
 VellNoteEntryStorage::VellNoteEntryStorage() = default;
 
 VellNoteEntryStorage::~VellNoteEntryStorage()
@@ -190,14 +202,7 @@ VellNoteEntryStorage::~VellNoteEntryStorage()
             entry->mOwner = nullptr;
         }
     };
-    detachAll(mNoteEntries);
-    detachAll(mBeatEntries);
-    detachAll(mTempoEntries);
-    detachAll(mKeyEntries);
-    detachAll(mTimeSignatureEntries);
-    detachAll(mChordEntries);
-    detachAll(mRegionEntries);
-    detachAll(mMarkerEntries);
+    forEachList(detachAll);
 }
 
 template <class Entry> const VellEntryArray<Entry>& VellNoteEntryStorage::entries() const
@@ -385,32 +390,12 @@ template <class Entry> void VellNoteEntryStorage::reorder(const VellEntry& chang
 void VellNoteEntryStorage::entryDidChange(VellEntry& entry, bool locationChanged)
 {
     if (locationChanged) {
-        switch (entry.entryKind()) {
-        case VellEntryKind::note:
-            reorder<VellNoteEntry>(entry);
-            break;
-        case VellEntryKind::beat:
-            reorder<VellBeatEntry>(entry);
-            break;
-        case VellEntryKind::tempo:
-            reorder<VellTempoEntry>(entry);
-            break;
-        case VellEntryKind::key:
-            reorder<VellKeyEntry>(entry);
-            break;
-        case VellEntryKind::timeSignature:
-            reorder<VellTimeSignatureEntry>(entry);
-            break;
-        case VellEntryKind::chord:
-            reorder<VellChordEntry>(entry);
-            break;
-        case VellEntryKind::region:
-            reorder<VellRegionEntry>(entry);
-            break;
-        case VellEntryKind::marker:
-            reorder<VellMarkerEntry>(entry);
-            break;
-        }
+        forEachList([&](auto& list) {
+            using Entry = typename std::decay_t<decltype(list)>::value_type::element_type;
+            if (Entry::kKind == entry.entryKind()) {
+                reorder<Entry>(entry);
+            }
+        });
     }
     announce(entry.entryKind());
 }
@@ -437,14 +422,7 @@ void VellNoteEntryStorage::removeAllEntries()
         list.clear();
         changed[static_cast<int>(Entry::kKind)] = true;
     };
-    clear(mNoteEntries);
-    clear(mBeatEntries);
-    clear(mTempoEntries);
-    clear(mKeyEntries);
-    clear(mTimeSignatureEntries);
-    clear(mChordEntries);
-    clear(mRegionEntries);
-    clear(mMarkerEntries);
+    forEachList(clear);
     for (int kind = 0; kind < kVellEntryKindCount; ++kind) {
         if (changed[kind]) {
             announce(static_cast<VellEntryKind>(kind));
