@@ -19,9 +19,12 @@ struct SpectrumImageOptions {
     std::string caption;
 };
 
+/// Whether path names a picture writeSpectrumImage can write (.png or .svg, any case).
+bool isSpectrumImagePath(const std::filesystem::path& path);
+
 /// Draws data's current spectrum over a dark background with grid lines at octaves of 1 kHz and
 /// every 10 dB, and writes it as PNG or SVG by the path's extension. Fails with a user error
-/// for another extension or when the file cannot be written.
+/// for another extension or when the file cannot be written (and then leaves no file behind).
 bool writeSpectrumImage(const VellSpectrumData& data, const std::filesystem::path& path,
                         const SpectrumImageOptions& options, Error* outError = nullptr);
 

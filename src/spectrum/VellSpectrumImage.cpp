@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <cairo-svg.h>
 #include <cairo.h>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 
 namespace vell {
@@ -122,61 +125,89 @@ void drawPicture(cairo_t* cr, const VellSpectrumData& data, const SpectrumImageO
     }
 }
 
-Error writeError(const std::filesystem::path& path, const char* why)
+std::string lowercaseExtension(const std::filesystem::path& path)
 {
-    return makeUserError("Could not write the spectrum picture.",
-                         format("%s: %s", path.string().c_str(), why));
-}
-
-} // namespace
-
-bool writeSpectrumImage(const VellSpectrumData& data, const std::filesystem::path& path,
-                        const SpectrumImageOptions& options, Error* outError)
-{
-    if (options.width < 16 || options.height < 16 || options.width > 16384 ||
-        options.height > 16384) {
-        assignError(outError, writeError(path, "the size must be between 16 and 16384 pixels"));
-        return false;
-    }
     std::string extension = path.extension().string();
     std::transform(extension.begin(), extension.end(), extension.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension;
+}
 
-    if (extension == ".png") {
+Error writeError(const char* why)
+{
+    return makeUserError("Could not write the spectrum picture", why);
+}
+
+struct FileCloser {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
+
+cairo_status_t writeToFile(void* closure, const unsigned char* data, unsigned int length)
+{
+    return std::fwrite(data, 1, length, static_cast<std::FILE*>(closure)) == length
+               ? CAIRO_STATUS_SUCCESS
+               : CAIRO_STATUS_WRITE_ERROR;
+}
+
+/// Draws the picture into the open file; a failure is Cairo's description.
+const char* drawInto(std::FILE* file, bool png, const VellSpectrumData& data,
+                     const SpectrumImageOptions& options)
+{
+    if (png) {
         SurfacePtr surface(
             cairo_image_surface_create(CAIRO_FORMAT_RGB24, options.width, options.height));
         ContextPtr cr(cairo_create(surface.get()));
         drawPicture(cr.get(), data, options);
         cairo_surface_flush(surface.get());
         const cairo_status_t status =
-            cairo_surface_write_to_png(surface.get(), path.string().c_str());
-        if (status != CAIRO_STATUS_SUCCESS) {
-            assignError(outError, writeError(path, cairo_status_to_string(status)));
-            return false;
-        }
-        return true;
+            cairo_surface_write_to_png_stream(surface.get(), writeToFile, file);
+        return status == CAIRO_STATUS_SUCCESS ? nullptr : cairo_status_to_string(status);
     }
-    if (extension == ".svg") {
-        SurfacePtr surface(
-            cairo_svg_surface_create(path.string().c_str(), options.width, options.height));
-        if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) {
-            assignError(outError,
-                        writeError(path, cairo_status_to_string(cairo_surface_status(surface.get()))));
-            return false;
-        }
-        ContextPtr cr(cairo_create(surface.get()));
-        drawPicture(cr.get(), data, options);
-        cr.reset();
-        cairo_surface_finish(surface.get());
-        const cairo_status_t status = cairo_surface_status(surface.get());
-        if (status != CAIRO_STATUS_SUCCESS) {
-            assignError(outError, writeError(path, cairo_status_to_string(status)));
-            return false;
-        }
-        return true;
+    SurfacePtr surface(
+        cairo_svg_surface_create_for_stream(writeToFile, file, options.width, options.height));
+    ContextPtr cr(cairo_create(surface.get()));
+    drawPicture(cr.get(), data, options);
+    cr.reset();
+    cairo_surface_finish(surface.get());
+    const cairo_status_t status = cairo_surface_status(surface.get());
+    return status == CAIRO_STATUS_SUCCESS ? nullptr : cairo_status_to_string(status);
+}
+
+} // namespace
+
+bool isSpectrumImagePath(const std::filesystem::path& path)
+{
+    const std::string extension = lowercaseExtension(path);
+    return extension == ".png" || extension == ".svg";
+}
+
+bool writeSpectrumImage(const VellSpectrumData& data, const std::filesystem::path& path,
+                        const SpectrumImageOptions& options, Error* outError)
+{
+    if (options.width < 16 || options.height < 16 || options.width > 16384 ||
+        options.height > 16384) {
+        assignError(outError, writeError("the size must be between 16 and 16384 pixels"));
+        return false;
     }
-    assignError(outError, writeError(path, "the picture must end in .png or .svg"));
-    return false;
+    if (!isSpectrumImagePath(path)) {
+        assignError(outError, writeError("the picture's name must end in .png or .svg"));
+        return false;
+    }
+    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "wb"));
+    if (!file) {
+        assignError(outError, writeError(std::strerror(errno)));
+        return false;
+    }
+    const bool png = lowercaseExtension(path) == ".png";
+    const char* failure = drawInto(file.get(), png, data, options);
+    const bool closed = std::fclose(file.release()) == 0;
+    if (failure != nullptr || !closed) {
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored); // no half-written picture is left behind
+        assignError(outError, writeError(failure != nullptr ? failure : std::strerror(errno)));
+        return false;
+    }
+    return true;
 }
 
 } // namespace vell

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cairo.h>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <memory>
@@ -244,7 +246,16 @@ TEST(VellSpectrumImageTest, WritesPngAndSvgAndRefusesOtherNames)
     EXPECT_EQ(error.domain(), kVellErrorDomain);
     EXPECT_NE(error.localizedFailureReason()->find(".png or .svg"), std::string::npos);
     EXPECT_FALSE(writeSpectrumImage(data, dir / "missing-dir" / "s.png", options, &error));
+    EXPECT_EQ(*error.localizedFailureReason(), std::strerror(ENOENT));
     options.width = 0;
     EXPECT_FALSE(writeSpectrumImage(data, dir / "t.png", options, &error));
+    EXPECT_FALSE(std::filesystem::exists(dir / "t.png"));
+    options.width = 320;
+    if (std::filesystem::exists("/dev/full")) {
+        // A device that is full: the write fails part of the way and leaves no file behind.
+        std::filesystem::create_symlink("/dev/full", dir / "full.png");
+        EXPECT_FALSE(writeSpectrumImage(data, dir / "full.png", options, &error));
+        EXPECT_FALSE(std::filesystem::is_symlink(dir / "full.png"));
+    }
     std::filesystem::remove_all(dir);
 }

@@ -48,7 +48,8 @@ expect_status() { # STATUS ARGS...: vell must exit with STATUS
 }
 expect_status 1 spectrum "$dir/missing.wav" --at 1 -o "$dir/x.png"
 expect_status 1 spectrum "$dir/tones.wav" --at 9 -o "$dir/x.png"
-expect_status 1 spectrum "$dir/tones.wav" --at 1 -o "$dir/x.jpg"
+expect_status 1 spectrum "$dir/tones.wav" --at 1 -o "$dir/no-such-dir/x.png"
+expect_status 2 spectrum "$dir/tones.wav" --at 1 -o "$dir/x.jpg"
 expect_status 2 spectrum "$dir/tones.wav" -o "$dir/x.png"
 expect_status 2 spectrum "$dir/tones.wav" --at 1
 expect_status 2 spectrum "$dir/tones.wav" --at 1 -o "$dir/x.png" --size 12

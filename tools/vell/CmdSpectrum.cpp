@@ -74,6 +74,9 @@ int runSpectrum(const Arguments& args)
     if (!out) {
         throw UsageError("missing -o OUT.png|OUT.svg");
     }
+    if (!isSpectrumImagePath(*out)) {
+        throw UsageError("-o must name a .png or .svg picture, not \"" + *out + "\"");
+    }
     SpectrumImageOptions options;
     options.stereo = args.flag("--stereo");
     if (const auto pan = args.number("--pan")) {
@@ -98,8 +101,10 @@ int runSpectrum(const Arguments& args)
     }
     const auto frame = static_cast<Frame>(std::llround(*at * file->sampleRate()));
     if (frame >= file->frameCount()) {
-        return fail(path + ": --at " + std::to_string(*at) + " s lies past the end (" +
-                    std::to_string(file->duration()) + " s)");
+        char message[128];
+        std::snprintf(message, sizeof message, ": --at %.3f s lies past the end (%.3f s)", *at,
+                      file->duration());
+        return fail(path + message);
     }
 
     std::unique_ptr<TessalyInstance, TessalyDeleter> engine(
