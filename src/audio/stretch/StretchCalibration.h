@@ -9,8 +9,14 @@
 // What is left, as the mean onset error of clicks at every hop phase (44.1/48 kHz, time factors
 // 0.25 .. 4, pitch factors 0.5 .. 2):
 // - best: within 1 ms at the grid's factors, 1.4 ms at worst between them. Single clicks
-//   scatter by ±2 to 6 ms around the mean (up to 19 ms at time 0.25 with pitch 0.5): R3 renders
-//   a transient unstretched within the analysis hop that catches it.
+//   scatter around the mean: R3 resets its phases at the analysis frame that catches a
+//   transient and so renders it unstretched relative to that frame. A click's error is a
+//   sawtooth of its place within R3's input hop h (128 to 1024 frames, by the stretch):
+//   (phi0 - phi) x (timeFactor - 1 / pitchFactor), where phi is the click's input frame modulo
+//   h and phi0 a phase that depends on the factors. That is ±1.9 ms at time 0.5 or 2, ±4.3 ms at
+//   time 4 and ±20 ms at time 0.25 with pitch 0.5 (h = 1024 there). Removing it would take a
+//   frame grid aligned with every transient, that is a lane restarted and cross-faded at every
+//   onset: more harm to the sound than a few milliseconds of timing.
 // - good: within 1.5 ms, except about 5 ms around time 3 with pitch 1.33; single clicks up to
 //   35 ms off at time 4, where R2 may render a click as two copies.
 // - low CPU: within 1.2 ms, 3 ms around time 3 with pitch 1.33; single clicks up to 17 ms.
