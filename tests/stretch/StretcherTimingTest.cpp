@@ -106,16 +106,19 @@ INSTANTIATE_TEST_SUITE_P(Good, StretcherTimingTest,
                          ::testing::ValuesIn(matrix(StretchLevel::good, 44100.0)), caseName);
 INSTANTIATE_TEST_SUITE_P(LowCPU, StretcherTimingTest,
                          ::testing::ValuesIn(matrix(StretchLevel::lowCPU, 44100.0)), caseName);
-// Other rates: 48 kHz shares the 44.1 kHz windows, 96 kHz has windows twice as long. (At 96 kHz
-// R3 renders clicks stretched by more than about 1.5 as two copies half a window apart, and
-// which one is louder changes from click to click: those factors are not held to 1 ms there.)
+// Other rates: 48 kHz shares the 44.1 kHz windows; at 88.2 kHz and above the best level runs
+// Rubber Band at a half or a quarter of the rate, the other levels with windows twice as long.
 INSTANTIATE_TEST_SUITE_P(
     OtherRates, StretcherTimingTest,
     ::testing::Values(TimingCase{StretchLevel::best, 48000.0, 2.0, 1.0},
                       TimingCase{StretchLevel::best, 48000.0, 0.5, 1.5},
+                      TimingCase{StretchLevel::best, 88200.0, 1.5, 1.0},
                       TimingCase{StretchLevel::best, 96000.0, 2.0, 1.0},
+                      TimingCase{StretchLevel::best, 96000.0, 4.0, 2.0},
                       TimingCase{StretchLevel::best, 96000.0, 0.7, 0.75},
                       TimingCase{StretchLevel::best, 96000.0, 1.25, 0.9},
+                      TimingCase{StretchLevel::best, 96000.0, 3.0, 0.75},
+                      TimingCase{StretchLevel::best, 192000.0, 2.0, 0.8},
                       TimingCase{StretchLevel::good, 96000.0, 2.0, 1.0},
                       TimingCase{StretchLevel::lowCPU, 96000.0, 0.5, 1.0}),
     caseName);

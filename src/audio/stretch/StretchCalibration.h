@@ -20,10 +20,9 @@
 // - good: within 1.5 ms, except about 5 ms around time 3 with pitch 1.33; single clicks up to
 //   35 ms off at time 4, where R2 may render a click as two copies.
 // - low CPU: within 1.2 ms, 3 ms around time 3 with pitch 1.33; single clicks up to 17 ms.
-// At 88.2/96 kHz the R2 levels stay within 3.4 and 1.2 ms; R3 renders clicks stretched by more
-// than about 1.5 as two copies half a window (43 ms) apart whose strengths swap from click to
-// click, so the best level's mean there is within 1 ms only up to about 1.2x and can be tens
-// of milliseconds off beyond (128 ms at time 4 with pitch 2).
+// At 88.2/96 kHz the R2 levels stay within 3.4 and 1.2 ms. R3 at those rates renders clicks
+// stretched by more than about 1.5 as two copies half a window (43 ms) apart, so the best level
+// runs it at half the rate there (Stretcher.h); its timing is then that of 44.1/48 kHz.
 #pragma once
 
 #include "audio/stretch/StretchLevel.h"
@@ -35,7 +34,8 @@ namespace vell::detail {
 /// resamples after stretching; 2^(j/6), j = -6 .. -1, and the factor just below 1), exactly 1
 /// (no resampling) and above 1 (resampling first; the factor just above 1, then 2^(j/6),
 /// j = 1 .. 6). Window scale 1 is what Rubber Band uses at 44.1 and 48 kHz, scale 2 at 88.2
-/// and 96 kHz.
+/// and 96 kHz. The best level's scale-2 offsets are those of its divided rate (Rubber Band at
+/// 48 kHz between the decimator and the interpolator), in 96 kHz frames.
 struct StretchCalibrationGrid {
     static constexpr int kTimeSteps = 17;
     static constexpr int kTimeStepsPerOctave = 4;
@@ -52,8 +52,10 @@ struct StretchCalibrationGrid {
 /// The mean onset offset in output frames (negative: the transient comes early) of a click
 /// stretched at (timeFactor, pitchFactor) by a level after Rubber Band's own start pad and start
 /// delay. Bilinear in (log timeFactor, log pitchFactor) between grid points of the pitch factor's
-/// branch; factors outside the grid take the nearest edge. windowRatio is the level's window size relative to 44.1 kHz (a
-/// power of two; ratios without a table use the nearest one, scaled). Thread: any. Wait-free.
+/// branch; factors outside the grid take the nearest edge. windowRatio: the level's window in
+/// frames of the rate the offset is wanted at, relative to its window at 44.1 kHz (2 at 96 kHz,
+/// also for the best level, which runs Rubber Band at 48 kHz there); a power of two, and ratios
+/// without a table use the nearest one, scaled. Thread: any. Wait-free.
 double stretchOnsetOffset(StretchLevel level, double windowRatio, double timeFactor,
                           double pitchFactor) noexcept;
 

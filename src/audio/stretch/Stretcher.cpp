@@ -118,7 +118,13 @@ std::unique_ptr<Stretcher> Stretcher::create(const Config& config, InputCallback
 
 bool Stretcher::build()
 {
-    const auto rate = std::size_t(std::lround(mConfig.sampleRate));
+    if (mConfig.level == StretchLevel::best) {
+        while (mConfig.sampleRate / (2 * mRateDivisor) >= 44100.0) {
+            mRateDivisor *= 2;
+        }
+    }
+    mInnerRate = mConfig.sampleRate / mRateDivisor;
+    const auto rate = std::size_t(std::lround(mInnerRate));
     const int options = rubberBandOptionsFor(mConfig.level);
     const auto channels = std::size_t(mConfig.channels);
     mLogger = std::make_shared<CountingLogger>();
@@ -138,7 +144,7 @@ bool Stretcher::build()
     mMinPullFrames = kMinPullFrames * mWindowScale;
     const Frame historyFrames = powerOfTwoAtLeast(131072L * mWindowScale);
     mHistoryMask = historyFrames - 1;
-    mCrossfadeFrames = std::max(64L, long(std::lround(0.02 * mConfig.sampleRate)));
+    mCrossfadeFrames = std::max(64L, long(std::lround(0.02 * mInnerRate)));
 
     const auto allocate = [&](std::vector<std::vector<float>>& buffers, Frame frames,
                               std::array<float*, kMaxChannels>* pointers) {
@@ -150,7 +156,16 @@ bool Stretcher::build()
         }
     };
     allocate(mHistory, historyFrames, nullptr);
-    allocate(mPullBuffer, mMaxPullFrames, &mPullPointers);
+    allocate(mPullBuffer, mMaxPullFrames * mRateDivisor, &mPullPointers);
+    if (mRateDivisor > 1) {
+        const int channelCount = mConfig.channels;
+        mDecimator = std::make_unique<Decimator>(mRateDivisor, channelCount, mMaxPullFrames);
+        mInterpolator =
+            std::make_unique<Interpolator>(mRateDivisor, channelCount, mConfig.maxFramesPerCall);
+        allocate(mDecimated, mMaxPullFrames, &mDecimatedPointers);
+        allocate(mInnerOutput, mConfig.maxFramesPerCall, &mInnerOutputPointers);
+        allocate(mOutputQueue, mConfig.maxFramesPerCall * mRateDivisor, &mQueuePointers);
+    }
     allocate(mFeedBuffer, mMaxFeedFrames, &mFeedPointers);
     allocate(mMixBuffer, mConfig.maxFramesPerCall, &mMixPointers);
     allocate(mDiscardBuffer, kDiscardFrames, &mDiscardPointers);
@@ -274,14 +289,18 @@ void Stretcher::prepareLane(Lane& lane, const StretchParameters& parameters, Han
     lane.delay = delay;
     const double offset =
         mConfig.compensateOffsets
-            ? stretchOnsetOffset(mConfig.level, mWindowRatio, parameters.timeFactor, pitch)
+            ? stretchOnsetOffset(mConfig.level, mWindowRatio * mRateDivisor,
+                                 parameters.timeFactor, pitch) /
+                  mRateDivisor
             : 0.0;
-    // A transient that comes out early (negative offset) needs less of the start dropped.
-    lane.drop = delay + long(std::lround(offset));
+    // A transient that comes out early (negative offset) needs less of the start dropped. At a
+    // divided rate every lane also leads by the interpolator's delay.
+    const long lead = mRateDivisor > 1 ? RateDividerFilter::delayFrames() : 0;
+    lane.drop = delay + long(std::lround(offset)) + lead;
     // Input pulled but not yet heard: the analysis half window and the input the lane holds,
     // plus what it has produced but not yet given out, in input frames.
-    const double lead = double(std::max(lane.drop, 0L) + lane.pad + mConfig.maxFramesPerCall);
-    const double lookAhead = 2.0 * double(lane.pad) + lead / parameters.timeFactor;
+    const double held = double(std::max(lane.drop, 0L) + lane.pad + mConfig.maxFramesPerCall);
+    const double lookAhead = 2.0 * double(lane.pad) + held / parameters.timeFactor;
     lane.pullFrames = long(std::clamp<Frame>(roundUpTo(Frame(lookAhead * 1.25), 1024),
                                              mMinPullFrames, mMaxPullFrames));
 }
@@ -379,6 +398,10 @@ long Stretcher::process(float* const* output, long frames) noexcept
     if (output == nullptr || frames <= 0) {
         return 0;
     }
+    if (mRateDivisor > 1) {
+        renderDivided(output, frames);
+        return frames;
+    }
     std::array<float*, kMaxChannels> slice{};
     long done = 0;
     while (done < frames) {
@@ -390,6 +413,44 @@ long Stretcher::process(float* const* output, long frames) noexcept
         done += n;
     }
     return frames;
+}
+
+void Stretcher::renderDivided(float* const* output, long frames) noexcept
+{
+    // Frames interpolated but not given out belong before a restart that is about to apply:
+    // dropped, so that the restart starts at this call's first frame.
+    if (restartIsWaiting()) {
+        mQueueFrames = 0;
+    }
+    const int k = mRateDivisor;
+    long done = 0;
+    while (done < frames) {
+        if (mQueueFrames == 0) {
+            const long inner = std::min((frames - done + k - 1) / k, mConfig.maxFramesPerCall);
+            renderSlice(mInnerOutputPointers.data(), inner);
+            mInterpolator->process(mInnerOutputPointers.data(), mQueuePointers.data(), inner);
+            mQueueStart = 0;
+            mQueueFrames = inner * k;
+        }
+        const long n = std::min(mQueueFrames, frames - done);
+        for (int c = 0; c < mConfig.channels; ++c) {
+            std::memcpy(output[c] + done, mQueuePointers[std::size_t(c)] + mQueueStart,
+                        std::size_t(n) * sizeof(float));
+        }
+        mQueueStart += n;
+        mQueueFrames -= n;
+        done += n;
+    }
+}
+
+bool Stretcher::restartIsWaiting() const noexcept
+{
+    for (const auto& lane : mLanes) {
+        if (lane->owner.load() == kOwnerReady && Handover(lane->handover.load()) != Handover::change) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void Stretcher::renderSlice(float* const* output, long frames) noexcept
@@ -499,6 +560,10 @@ void Stretcher::restartTimeline(Lane& lane) noexcept
     mSegmentInput = 0.0;
     mSegmentTimeFactor = mTimeFactor.load();
     mRestarts.fetch_add(1);
+    if (mDecimator) {
+        mDecimator->reset();
+        mDecimatorSkip = RateDividerFilter::delayFrames();
+    }
 
     lane.startPosition = 0;
     lane.inputPosition = -lane.pad;
@@ -733,21 +798,42 @@ void Stretcher::pullUntil(Frame end) noexcept
         if (mIncoming != nullptr) {
             block = std::max(block, mIncoming->pullFrames);
         }
-        long got = mCallback(mPullPointers.data(), block, mOwner);
+        const long wanted = block * mRateDivisor;
+        long got = mCallback(mPullPointers.data(), wanted, mOwner);
         mPulls.fetch_add(1);
-        got = std::clamp(got, 0L, block);
-        const Frame historyFrames = mHistoryMask + 1;
+        got = std::clamp(got, 0L, wanted);
         for (int c = 0; c < mConfig.channels; ++c) {
             float* pulled = mPullPointers[std::size_t(c)];
-            std::fill(pulled + got, pulled + block, 0.0f);
-            float* ring = mHistory[std::size_t(c)].data();
-            const Frame at = mPulled & mHistoryMask;
-            const long first = long(std::min<Frame>(block, historyFrames - at));
-            std::memcpy(ring + at, pulled, std::size_t(first) * sizeof(float));
-            std::memcpy(ring, pulled + first, std::size_t(block - first) * sizeof(float));
+            std::fill(pulled + got, pulled + wanted, 0.0f);
         }
-        mPulled += block;
+        if (!mDecimator) {
+            writeHistory(mPullPointers.data(), block);
+            continue;
+        }
+        mDecimator->process(mPullPointers.data(), mDecimatedPointers.data(), block);
+        // After a restart the decimator's first frames stand for input before the first one.
+        const long skip = std::min(mDecimatorSkip, block);
+        mDecimatorSkip -= skip;
+        std::array<const float*, kMaxChannels> kept{};
+        for (int c = 0; c < mConfig.channels; ++c) {
+            kept[std::size_t(c)] = mDecimatedPointers[std::size_t(c)] + skip;
+        }
+        writeHistory(kept.data(), block - skip);
     }
+}
+
+void Stretcher::writeHistory(const float* const* from, long frames) noexcept
+{
+    const Frame historyFrames = mHistoryMask + 1;
+    for (int c = 0; c < mConfig.channels; ++c) {
+        const float* pulled = from[c];
+        float* ring = mHistory[std::size_t(c)].data();
+        const Frame at = mPulled & mHistoryMask;
+        const long first = long(std::min<Frame>(frames, historyFrames - at));
+        std::memcpy(ring + at, pulled, std::size_t(first) * sizeof(float));
+        std::memcpy(ring, pulled + first, std::size_t(frames - first) * sizeof(float));
+    }
+    mPulled += frames;
 }
 
 void Stretcher::readHistory(Frame start, long frames) noexcept

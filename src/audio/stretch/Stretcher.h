@@ -4,6 +4,7 @@
 
 #include "VellAudio/Types.h"
 #include "audio/stretch/Dirac.h"
+#include "audio/stretch/RateDivider.h"
 #include "audio/stretch/StretchLevel.h"
 #include "rt/Realtime.h"
 
@@ -55,6 +56,14 @@ struct StretchParameters {
 ///   "control" (release) when it no longer touches them.
 /// - Either side may take a "ready" lane back or over; the compare-and-swap decides.
 /// - Getters read atomics and are wait-free on any thread.
+///
+/// Rates. At 88.2 kHz and above the best level runs Rubber Band at half the rate (a quarter at
+/// 176.4 kHz and above): R3's windows grow with the rate, and there it renders a click
+/// stretched by more than about 1.5 as two copies half a window apart. The input is low-passed
+/// and decimated into the history, the output interpolated back (RateDivider.h, flat to 20 kHz);
+/// both filters' delays are whole frames at the low rate and are taken off (the decimator's
+/// first frames after a restart are dropped, the interpolator's delay is dropped by every lane),
+/// so the frame mapping holds at the full rate.
 ///
 /// Allocation. Lanes are created and warmed up at the extreme factors, pitch factors are
 /// rounded so that Rubber Band's resampler ratio is a fraction with a denominator of at most
@@ -110,8 +119,11 @@ public:
     StretchLevel level() const noexcept { return mConfig.level; }
     int channels() const noexcept { return mConfig.channels; }
     double sampleRate() const noexcept { return mConfig.sampleRate; }
-    /// Rubber Band's window relative to 44.1 kHz: 1 at 44.1/48 kHz, 2 at 88.2/96 kHz.
+    /// Rubber Band's window relative to 44.1 kHz: 1 at 44.1/48 kHz, 2 at 88.2/96 kHz (1 there
+    /// at the best level, which runs Rubber Band at a lower rate).
     double windowRatio() const noexcept { return mWindowRatio; }
+    /// The sample rate divided by the rate Rubber Band runs at (1, 2 or 4).
+    int rateDivisor() const noexcept { return mRateDivisor; }
 
     /// The Rubber Band engine the level runs: 3 (R3, "finer") or 2 (R2, "faster").
     int engineVersion() const noexcept;
@@ -147,6 +159,8 @@ private:
     void publish(Lane& lane);
 
     // Render side.
+    VELL_RT void renderDivided(float* const* output, long frames) noexcept;
+    VELL_RT bool restartIsWaiting() const noexcept;
     VELL_RT void renderSlice(float* const* output, long frames) noexcept;
     VELL_RT void pollControl() noexcept;
     VELL_RT void restartTimeline(Lane& lane) noexcept;
@@ -159,12 +173,15 @@ private:
     VELL_RT void skipLane(Lane& lane, long frames, int feedBudget) noexcept;
     VELL_RT bool feedLane(Lane& lane) noexcept;
     VELL_RT void pullUntil(Frame end) noexcept;
+    VELL_RT void writeHistory(const float* const* from, long frames) noexcept;
     VELL_RT void readHistory(Frame start, long frames) noexcept;
     VELL_RT double targetInputFrame(double outputFrame) const noexcept;
 
     const Config mConfig;
     const InputCallback mCallback;
     void* const mOwner;
+    int mRateDivisor = 1;
+    double mInnerRate = 0.0; ///< the rate Rubber Band runs at
     double mWindowRatio = 1.0;
     long mUnityStartPad = 0;
     int mWindowScale = 1; ///< mWindowRatio, at least 1: buffer sizes grow with it
@@ -203,6 +220,18 @@ private:
     std::vector<std::vector<float>> mMixBuffer;
     std::vector<std::vector<float>> mDiscardBuffer;
     std::vector<float> mFadeIn; ///< sine fade-in gains, mCrossfadeFrames + 1 of them
+    // Rate division (mRateDivisor > 1 only).
+    std::unique_ptr<Decimator> mDecimator;
+    std::unique_ptr<Interpolator> mInterpolator;
+    long mDecimatorSkip = 0; ///< decimated frames still to drop after a restart
+    std::vector<std::vector<float>> mDecimated;
+    std::vector<std::vector<float>> mInnerOutput;
+    std::vector<std::vector<float>> mOutputQueue; ///< interpolated frames not yet given out
+    long mQueueStart = 0;
+    long mQueueFrames = 0;
+    std::array<float*, kMaxChannels> mDecimatedPointers{};
+    std::array<float*, kMaxChannels> mInnerOutputPointers{};
+    std::array<float*, kMaxChannels> mQueuePointers{};
     // Control side: silence and a discard buffer for scrubbing a lane's resampler.
     std::vector<float> mSilence;
     std::vector<std::vector<float>> mScrubBuffer;
