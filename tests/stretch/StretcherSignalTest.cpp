@@ -152,27 +152,24 @@ INSTANTIATE_TEST_SUITE_P(Levels, StretcherLengthTest,
 
 // ---- Reset --------------------------------------------------------------------------------
 
-class StretcherResetTest : public ::testing::TestWithParam<StretchLevel> {};
-
-// After a loud stretch, a clearing reset leaves nothing of it: with silent input from then on
-// the very first output frame is silent. The input restarts at the source's new position.
-TEST_P(StretcherResetTest, ClearingResetLeavesNoTrace)
+/// After a loud stretch, a clearing reset leaves nothing of it: with silent input from then on
+/// the very first output frame is silent. The input restarts at the source's new position.
+void expectClearingResetLeavesNoTrace(StretchLevel level, double rate)
 {
-    constexpr double kRate = 44100.0;
-    Channels input = sineSignal(1, (long long)(kRate * 2), 500.0, kRate);
-    std::fill(input[0].begin() + long(kRate), input[0].end(), 0.0f);
-    StretchRig rig(configFor(GetParam(), kRate), input);
+    Channels input = sineSignal(1, (long long)(rate * 2), 500.0, rate);
+    std::fill(input[0].begin() + long(rate), input[0].end(), 0.0f);
+    StretchRig rig(configFor(level, rate), input);
     rig.stretcher->setParameters({2.0, 1.25, false});
     Channels out;
-    rig.render(out, long(kRate * 0.8), 512);
+    rig.render(out, long(rate * 0.8), 512);
     ASSERT_GT(rms(out[0], out[0].size() - 4096, 4096), 0.2);
 
     rig.stretcher->reset(true);
     // The engine seeks into the silent second half.
-    rig.source->seek((long long)kRate + 1000);
+    rig.source->seek((long long)rate + 1000);
     const long long before = rig.source->position();
     Channels after;
-    rig.render(after, long(kRate * 0.5), 512);
+    rig.render(after, long(rate * 0.5), 512);
     float loudest = 0.0f;
     for (float s : after[0]) {
         loudest = std::max(loudest, std::fabs(s));
@@ -182,32 +179,44 @@ TEST_P(StretcherResetTest, ClearingResetLeavesNoTrace)
     EXPECT_EQ(rig.stretcher->statistics().restarts, 2u); // the first start and this one
 }
 
-// Without clearing, the old sound fades out over about 20 ms and is gone after it.
-TEST_P(StretcherResetTest, ResetWithoutClearingFadesTheOldSoundOut)
+/// Without clearing, the old sound fades out over about 20 ms and is gone after it.
+void expectFadingResetFadesTheOldSoundOut(StretchLevel level, double rate)
 {
-    constexpr double kRate = 44100.0;
-    Channels input = sineSignal(1, (long long)(kRate * 2), 500.0, kRate);
-    std::fill(input[0].begin() + long(kRate), input[0].end(), 0.0f);
-    StretchRig rig(configFor(GetParam(), kRate), input);
+    Channels input = sineSignal(1, (long long)(rate * 2), 500.0, rate);
+    std::fill(input[0].begin() + long(rate), input[0].end(), 0.0f);
+    StretchRig rig(configFor(level, rate), input);
     Channels out;
-    rig.render(out, long(kRate * 0.5), 512);
+    rig.render(out, long(rate * 0.5), 512);
 
     rig.stretcher->reset(false);
-    rig.source->seek((long long)kRate + 1000);
+    rig.source->seek((long long)rate + 1000);
     Channels after;
-    rig.render(after, 8192, 512);
-    EXPECT_GT(rms(after[0], 0, 256), 0.15) << "no gap: the old sound is still there";
-    EXPECT_LT(rms(after[0], 256, 256), rms(after[0], 0, 256)) << "and fading";
-    const std::size_t fade = std::size_t(0.02 * kRate);
+    rig.render(after, long(8192 * rate / 44100.0), 512);
+    const auto ms = [rate](double milliseconds) { return std::size_t(milliseconds * rate / 1000.0); };
+    EXPECT_GT(rms(after[0], 0, ms(5.8)), 0.15) << "no gap: the old sound is still there";
+    EXPECT_LT(rms(after[0], ms(5.8), ms(5.8)), rms(after[0], 0, ms(5.8))) << "and fading";
     float loudest = 0.0f;
-    for (std::size_t i = fade + 1024; i < after[0].size(); ++i) {
+    for (std::size_t i = ms(20.0 + 23.2); i < after[0].size(); ++i) {
         loudest = std::max(loudest, std::fabs(after[0][i]));
     }
     EXPECT_LT(loudest, 1e-3f);
     // The old sound's amplitude never jumps up at the start of the fade (no click).
-    for (std::size_t i = 1; i < 1024; ++i) {
-        EXPECT_LT(std::fabs(after[0][i] - after[0][i - 1]), 0.1f) << "frame " << i;
+    const float steepest = float(2.0 * std::numbers::pi * 500.0 * 1.25 * 0.5 / rate);
+    for (std::size_t i = 1; i < ms(23.2); ++i) {
+        EXPECT_LT(std::fabs(after[0][i] - after[0][i - 1]), 2.0f * steepest) << "frame " << i;
     }
+}
+
+class StretcherResetTest : public ::testing::TestWithParam<StretchLevel> {};
+
+TEST_P(StretcherResetTest, ClearingResetLeavesNoTrace)
+{
+    expectClearingResetLeavesNoTrace(GetParam(), 44100.0);
+}
+
+TEST_P(StretcherResetTest, ResetWithoutClearingFadesTheOldSoundOut)
+{
+    expectFadingResetFadesTheOldSoundOut(GetParam(), 44100.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, StretcherResetTest,
@@ -217,45 +226,63 @@ INSTANTIATE_TEST_SUITE_P(Levels, StretcherResetTest,
 
 // ---- Smooth changes -----------------------------------------------------------------------
 
-class StretcherSmoothnessTest : public ::testing::TestWithParam<StretchLevel> {};
-
-// A steady sine while pitch and time change several times: no gap (every 10 ms keeps most of
-// the level; shorter windows would see the beating of two pitches inside a fade) and no click
-// (no step larger than the steepest sine involved allows). R2's transient detector resets
-// phases now and then on a shifted pure tone, with dips to a third of the level in steady
-// state, so its levels are only held to "no gap".
-TEST_P(StretcherSmoothnessTest, ChangesNeitherGapNorClick)
+/// A steady sine while pitch and time change several times: no gap (every 10 ms keeps most of
+/// the level; shorter windows would see the beating of two pitches inside a fade) and no click
+/// (no step larger than the steepest sine involved allows). R2's transient detector resets
+/// phases now and then on a shifted pure tone, with dips to a third of the level in steady
+/// state, so its levels are only held to "no gap".
+void expectChangesNeitherGapNorClick(StretchLevel level, double rate)
 {
-    constexpr double kRate = 44100.0;
     constexpr double kHz = 300.0;
-    StretchRig rig(configFor(GetParam(), kRate), sineSignal(1, (long long)(kRate * 20), kHz, kRate));
+    StretchRig rig(configFor(level, rate), sineSignal(1, (long long)(rate * 20), kHz, rate));
     const StretchParameters steps[] = {
         {1.0, 1.0, false}, {1.0, 1.5, false}, {2.0, 1.5, false}, {2.0, 0.8, false},
         {0.5, 0.8, false}, {0.5, 1.0, true},  {1.3, 1.0, false},
     };
     Channels out;
+    const long stepFrames = long(16384 * rate / 44100.0);
     for (const StretchParameters& step : steps) {
         rig.stretcher->setParameters(step);
-        rig.render(out, 16384, 512);
+        rig.render(out, stepFrames, 512);
     }
     const std::vector<float>& x = out[0];
-    const double steepest = 2.0 * std::numbers::pi * kHz * 1.5 * 0.5 / kRate;
-    const std::size_t window = std::size_t(0.010 * kRate);
-    const double floor = GetParam() == StretchLevel::best ? 0.6 : 0.25;
-    for (std::size_t i = 8192; i + window < x.size(); i += window) {
+    const double steepest = 2.0 * std::numbers::pi * kHz * 1.5 * 0.5 / rate;
+    const std::size_t window = std::size_t(0.010 * rate);
+    const double floor = level == StretchLevel::best ? 0.6 : 0.25;
+    const auto settled = std::size_t(stepFrames / 2);
+    for (std::size_t i = settled; i + window < x.size(); i += window) {
         SCOPED_TRACE("output frame " + std::to_string(i));
         EXPECT_GT(rms(x, i, window), floor * 0.5 / std::sqrt(2.0));
     }
-    for (std::size_t i = 8193; i < x.size(); ++i) {
+    for (std::size_t i = settled + 1; i < x.size(); ++i) {
         ASSERT_LT(std::fabs(x[i] - x[i - 1]), 2.0 * steepest) << "output frame " << i;
     }
     EXPECT_EQ(rig.stretcher->statistics().crossfades, 6u);
+}
+
+class StretcherSmoothnessTest : public ::testing::TestWithParam<StretchLevel> {};
+
+TEST_P(StretcherSmoothnessTest, ChangesNeitherGapNorClick)
+{
+    expectChangesNeitherGapNorClick(GetParam(), 44100.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, StretcherSmoothnessTest,
                          ::testing::Values(StretchLevel::best, StretchLevel::good,
                                            StretchLevel::lowCPU),
                          levelParamName);
+
+// At 88.2 kHz and above the best level runs Rubber Band at a lower rate between the rate
+// divider's filters: resets and changes behave as they do at 44.1 kHz.
+TEST(StretcherDividedRateTest, ResetsAndChangesAsAtTheLowRate)
+{
+    for (const double rate : {96000.0, 192000.0}) {
+        SCOPED_TRACE(rate);
+        expectClearingResetLeavesNoTrace(StretchLevel::best, rate);
+        expectFadingResetFadesTheOldSoundOut(StretchLevel::best, rate);
+        expectChangesNeitherGapNorClick(StretchLevel::best, rate);
+    }
+}
 
 // ---- Formants -----------------------------------------------------------------------------
 

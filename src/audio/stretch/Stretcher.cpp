@@ -427,7 +427,13 @@ void Stretcher::renderDivided(float* const* output, long frames) noexcept
     while (done < frames) {
         if (mQueueFrames == 0) {
             const long inner = std::min((frames - done + k - 1) / k, mConfig.maxFramesPerCall);
+            mCleared = false;
             renderSlice(mInnerOutputPointers.data(), inner);
+            if (mCleared) {
+                // A clearing restart at the start of this slice: nothing of the old sound may
+                // ring on in the interpolator either.
+                mInterpolator->reset();
+            }
             mInterpolator->process(mInnerOutputPointers.data(), mQueuePointers.data(), inner);
             mQueueStart = 0;
             mQueueFrames = inner * k;
@@ -546,6 +552,7 @@ void Stretcher::pollControl() noexcept
         }
         if (mActive != nullptr && !fade) {
             giveBack(mActive);
+            mCleared = true;
         }
         restartTimeline(*ready);
     }

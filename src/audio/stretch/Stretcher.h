@@ -224,6 +224,7 @@ private:
     std::unique_ptr<Decimator> mDecimator;
     std::unique_ptr<Interpolator> mInterpolator;
     long mDecimatorSkip = 0; ///< decimated frames still to drop after a restart
+    bool mCleared = false;   ///< a clearing restart applied in the slice being rendered
     std::vector<std::vector<float>> mDecimated;
     std::vector<std::vector<float>> mInnerOutput;
     std::vector<std::vector<float>> mOutputQueue; ///< interpolated frames not yet given out
