@@ -49,6 +49,11 @@ public:
 
     double sampleRate() const noexcept override { return mSampleRate; }
     bool isBuiltIn() const noexcept override { return false; }
+    std::uint32_t eventDelayFrames() const noexcept override
+    {
+        // The shortest envelope delay, 2^-10 s, spans a whole block above 65536 Hz.
+        return mSampleRate * std::exp2(-10.0) > kBlock ? kBlock : 0;
+    }
 
     VELL_RT void render(float* left, float* right, std::uint32_t frames) noexcept override;
     VELL_RT void beginEvents() noexcept override;

@@ -19,6 +19,8 @@ public:
     virtual double sampleRate() const noexcept = 0;
     /// Whether this is the built-in voice rather than a SoundFont.
     virtual bool isBuiltIn() const noexcept = 0;
+    /// Frames by which every note sounds after its offset (0 when notes start exactly there).
+    virtual std::uint32_t eventDelayFrames() const noexcept { return 0; }
 
     /// Renders the next frames of the engine's time line (stereo). Thread: render.
     VELL_RT virtual void render(float* left, float* right, std::uint32_t frames) noexcept = 0;

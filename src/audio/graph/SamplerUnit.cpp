@@ -51,6 +51,12 @@ OSStatus SamplerUnit::getPropertyInfo(AudioUnitPropertyID id, AudioUnitScope sco
 OSStatus SamplerUnit::getProperty(AudioUnitPropertyID id, AudioUnitScope scope,
                                   AudioUnitElement element, void* outData, UInt32* ioSize)
 {
+    if (id == kAudioUnitProperty_Latency && scope == kAudioUnitScope_Global) {
+        // Notes sound this long after their offsets (a SoundFont engine's block at high rates).
+        const double rate = mOutputFormats[0].mSampleRate;
+        return detail::copyOut(rate > 0 ? double(mEventDelayFrames.load()) / rate : 0.0, outData,
+                               ioSize);
+    }
     if (id == kAudioUnitProperty_ClassInfo) {
         if (scope != kAudioUnitScope_Global) {
             return kAudioUnitErr_InvalidScope;
@@ -172,6 +178,7 @@ bool SamplerUnit::rebuildEngine()
     std::unique_ptr<SamplerEngine> engine =
         makeSamplerEngine(mPreset, mOutputFormats[0].mSampleRate, &usedFallback);
     mLatestIsBuiltIn = engine->isBuiltIn();
+    mEventDelayFrames.store(engine->eventDelayFrames());
     mPresetChanged = false;
     if (!isInitialized()) {
         delete mEngine;

@@ -110,6 +110,7 @@ private:
     std::vector<float> mLeft;
     std::vector<float> mRight;
 
+    std::atomic<std::uint32_t> mEventDelayFrames{0};
     std::atomic<NoteInstanceID> mNextInstance{1};
     std::atomic<std::uint64_t> mDroppedEvents{0};
 };

@@ -33,6 +33,11 @@ public:
     /// Wait-free, no allocation.
     virtual bool reachedEndOfStream() noexcept = 0;
 
+    /// Frames the queue hands out before its reading frame jumps (at a loop's wrap) or the
+    /// stream ends, counted from the reading frame. A queue that never jumps answers the frames
+    /// left. Thread: the reading thread. Wait-free, no allocation.
+    virtual Frame contiguousFrames() noexcept = 0;
+
 protected:
     BRIXAudioBufferQueue() = default;
     BRIXAudioBufferQueue(const BRIXAudioBufferQueue&) = delete;
@@ -56,6 +61,9 @@ VELL_RT void BRIXAudioBufferQueueCopyIntoChannels(BRIXAudioBufferQueue* queue,
                                                   float* const* channels,
                                                   std::uint32_t channelCount,
                                                   std::uint32_t* ioFrames) noexcept;
+
+/// Frames until the queue's reading frame jumps or the stream ends. Thread: render. Wait-free.
+VELL_RT Frame BRIXAudioBufferQueueContiguousFrames(BRIXAudioBufferQueue* queue) noexcept;
 
 /// Whether the queue handed out the end of the stream. Thread: render. Wait-free.
 VELL_RT bool BRIXAudioBufferQueueReachedEndOfStream(BRIXAudioBufferQueue* queue) noexcept;

@@ -586,6 +586,19 @@ bool BRIXAudioFileReader::waitForBlock(Frame block)
     return isResident(block, mAdopted.fileEpoch);
 }
 
+VELL_RT Frame BRIXAudioFileReader::contiguousFrames() noexcept
+{
+    adoptControl();
+    const Control& c = mAdopted;
+    if (isAtEnd(mPosition, c)) {
+        return 0;
+    }
+    if (!c.reverse) {
+        return std::max<Frame>((c.looping ? c.loopEnd : c.frameCount) - mPosition, 0);
+    }
+    return std::max<Frame>(mPosition - (c.looping ? c.loopStart : Frame(0)) + 1, 0);
+}
+
 // ---- C entry points -----------------------------------------------------------------------------
 
 VELL_RT Frame BRIXAudioFileReaderGetCurrentFrame(BRIXAudioBufferQueue* queue) noexcept
@@ -631,6 +644,11 @@ VELL_RT void BRIXAudioBufferQueueCopyInto(BRIXAudioBufferQueue* queue, AudioBuff
         capacity = std::min<std::uint32_t>(capacity, buffer.mDataByteSize / sizeof(float));
     }
     *ioFrames = queue->copyFrames(channels.data(), bufferList->mNumberBuffers, capacity);
+}
+
+VELL_RT Frame BRIXAudioBufferQueueContiguousFrames(BRIXAudioBufferQueue* queue) noexcept
+{
+    return queue ? queue->contiguousFrames() : 0;
 }
 
 VELL_RT bool BRIXAudioBufferQueueReachedEndOfStream(BRIXAudioBufferQueue* queue) noexcept

@@ -124,6 +124,7 @@ public:
     VELL_RT std::uint32_t copyFrames(float* const* channels, std::uint32_t channelCount,
                                      std::uint32_t frames) noexcept override;
     VELL_RT bool reachedEndOfStream() noexcept override;
+    VELL_RT Frame contiguousFrames() noexcept override;
 
 private:
     /// What the main thread decided; copied whole to the render thread.

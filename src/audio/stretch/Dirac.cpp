@@ -106,4 +106,9 @@ long double DiracGetProperty(long property, const DiracInstance* instance) noexc
     }
 }
 
+std::uint64_t DiracGetRestartCount(const DiracInstance* instance) noexcept
+{
+    return instance != nullptr ? instance->stretcher->restartCount() : 0;
+}
+
 } // namespace vell

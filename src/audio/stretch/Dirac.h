@@ -4,6 +4,8 @@
 
 #include "audio/stretch/StretchLevel.h"
 
+#include <cstdint>
+
 namespace vell {
 
 /// Opaque stretcher handle.
@@ -76,5 +78,11 @@ long DiracSetProperty(long property, long double value, DiracInstance* instance)
 /// The property's current value as last set (clamped), or 0 for an unknown property or a null
 /// instance. Thread: any, including render. Wait-free.
 long double DiracGetProperty(long property, const DiracInstance* instance) noexcept;
+
+/// How many restarts (DiracReset) the stretcher has applied. It changes at the start of the
+/// DiracProcess call that applies a reset, before that call pulls its first input, so the input
+/// callback can tell that the frames it supplies now start a new time line. Thread: any,
+/// including render. Wait-free.
+std::uint64_t DiracGetRestartCount(const DiracInstance* instance) noexcept;
 
 } // namespace vell

@@ -142,6 +142,8 @@ public:
         std::uint64_t pulls = 0;           ///< input callback calls
     };
     Statistics statistics() const noexcept;
+    /// Resets the render thread applied. Thread: any. Wait-free.
+    VELL_RT std::uint64_t restartCount() const noexcept { return mRestarts.load(); }
 
 private:
     struct Lane;

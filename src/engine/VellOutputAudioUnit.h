@@ -1,0 +1,340 @@
+// The output audio unit: the render graph that turns a decoded file into sound (stretched and
+// isolated music, metronome and note samplers, mixer, output), its real-time callbacks, the
+// output-device end, and offline rendering to a file.
+#pragma once
+
+#include "VellAudio/AudioTypes.h"
+#include "VellAudio/TessalyCore.h"
+#include "VellAudio/Types.h"
+#include "VellAudio/VellMetronomeInstrument.h"
+#include "VellAudio/VellNoteEntryStorage.h"
+#include "VellAudio/VellSpectrumData.h"
+#include "audio/graph/AUGraph.h"
+#include "audio/reader/BRIXAudioBufferQueue.h"
+#include "audio/reader/KAudioNotificationQueueWorker.h"
+#include "audio/stretch/Dirac.h"
+#include "engine/AudioRangeTracker.h"
+#include "engine/VellNoteEntryPlaybackStorage.h"
+#include "rt/Realtime.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <sigc++/connection.h>
+#include <string>
+#include <vector>
+
+namespace vell {
+
+inline constexpr UInt32 kMusicPlaybackMixerChannel = 0;
+inline constexpr UInt32 kMetronomeMixerChannel = 2;
+inline constexpr UInt32 kNoteEntryPlaybackMixerChannel = 3;
+
+class VellOutputAudioUnit;
+
+/// Receives export progress. Thread: the exporting thread (the player hops to the main queue).
+class VellOutputAudioUnitDelegate {
+public:
+    virtual ~VellOutputAudioUnitDelegate() = default;
+    virtual void outputAudioUnitDidUpdateProgress(VellOutputAudioUnit& unit, double progress) = 0;
+};
+
+/// The processing graph of one file's playback.
+///
+/// Render path (one device cycle of N frames, all on the render thread): the pre-render
+/// notification schedules the notes and beats whose file frames fall into the cycle on the two
+/// samplers; the mixer's music input pulls N output frames from the stretcher, which pulls file
+/// frames from the buffer queue; the isolation engine processes them in place; the tracker then
+/// consumes the file frames those N output frames carried. The samplers and the music are
+/// mixed and sent to the output unit.
+///
+/// Timing. Output frame k of the stretcher carries file frame k x rate after a restart; the
+/// isolation engine delays everything by its latency L; events are scheduled so that a note
+/// at file frame f starts at the output frame that carries f (less the sampler's own known
+/// delay). The tracker's consumption carries the fractional part of N x rate from cycle to
+/// cycle, so the read frame follows the output exactly at any rate.
+///
+/// Playback rate: file frames per output frame, limited to [kMinimumPlaybackRate,
+/// kMaximumPlaybackRate]; a rate that is not a positive finite number is ignored. Pitch: the
+/// transposition and the cents are limited so that the pitch factor stays within two octaves.
+///
+/// Who writes what: the main thread writes the settings (rate and pitch through the stretcher,
+/// flags and counters as atomics, levels as mixer parameters) and seeks; the render thread owns
+/// the tracker, the scheduling buffers and the fractional carry, and publishes the read frame.
+/// A seek while running is applied by the render thread at the stretcher's restart, so the
+/// tracker and the stretcher always restart together.
+class VellOutputAudioUnit {
+    VELL_STATIC_ASSERT_LOCK_FREE(Frame);
+    VELL_STATIC_ASSERT_LOCK_FREE(double);
+
+public:
+    static constexpr double kMinimumPlaybackRate = 0.125;
+    static constexpr double kMaximumPlaybackRate = 8.0;
+    static constexpr long long kMaximumTranspositionSemitones = 24;
+    static constexpr double kMaximumPitchAdjustmentCents = 2400.0;
+    /// Records exchanged with the note-entry playback storage per query.
+    static constexpr std::size_t kPlaybackEntryCapacity = 128;
+    /// The isolation engine's largest block.
+    static constexpr UInt32 kIsolationMaximumFrames = 8192;
+    /// Frames the music slices of the mixer and samplers may reach on a device.
+    static constexpr UInt32 kDeviceMaximumFramesPerSlice = 8192;
+
+    /// Builds the graph for a stream (sample rate and channel count of the file's client
+    /// format). Raises "NSXError" when a graph call fails. Thread: main.
+    explicit VellOutputAudioUnit(const AudioStreamBasicDescription& streamDescription);
+    VellOutputAudioUnit();
+    ~VellOutputAudioUnit();
+    VellOutputAudioUnit(const VellOutputAudioUnit&) = delete;
+    VellOutputAudioUnit& operator=(const VellOutputAudioUnit&) = delete;
+
+    // ---- Transport.
+    /// Starts the graph on the output device (nothing if it runs). Raises "NSXError" when a
+    /// unit cannot be reset; a device that does not start is logged and answered false.
+    bool start();
+    void stop();
+    bool isRunning();
+
+    // ---- Levels (linear, 1 = unity).
+    void setPlaybackLevel(float level);
+    void setMetronomePlaybackLevel(float inLevel);
+    float metronomePlaybackLevel();
+    void setNoteEntryPlaybackLevel(float level);
+    float noteEntryPlaybackLevel();
+
+    // ---- Rate and pitch.
+    void setPlaybackRate(double rate);
+    double playbackRate() const noexcept;
+    void setTranspositionInterval(long long semitones);
+    long long transpositionInterval() const noexcept { return _transpositionInterval.load(); }
+    void setPitchAdjustment(double cents);
+    double pitchAdjustment() const noexcept { return _pitchAdjustment.load(); }
+    void refreshPlaybackPitchFactor();
+    /// The pitch factor for a transposition and an adjustment in cents.
+    static double pitchFactorFor(long long semitones, double cents) noexcept;
+
+    /// Reading backwards: file frames are handed out in descending order.
+    void setReverse(bool reverse) noexcept { mReverse.store(reverse); }
+    bool isReverse() const noexcept { return mReverse.load(); }
+
+    // ---- Position.
+    /// The file frame being heard (the count-in's loop start while counting in).
+    /// Thread: any.
+    Frame currentTrackedReadFrame() const noexcept;
+    /// Restarts the stretcher and the frame bookkeeping at frame (the buffer queue must
+    /// already read from there).
+    void setCurrentTrackedReadFrame(Frame frame);
+    /// The isolation engine's latency in frames.
+    long long processingLatency() const noexcept;
+
+    // ---- Count-in.
+    bool preroll() const noexcept { return mPreroll.load(); }
+    void setPreroll(bool preroll) noexcept { mPreroll.store(preroll); }
+    Frame prerollSampleStart() const noexcept { return mPrerollSampleStart.load(); }
+    void setPrerollSampleStart(Frame frame) noexcept { mPrerollSampleStart.store(frame); }
+    Frame prerollLoopStart() const noexcept { return mPrerollLoopStart.load(); }
+    void setPrerollLoopStart(Frame frame) noexcept { mPrerollLoopStart.store(frame); }
+
+    // ---- Notes and metronome.
+    const std::shared_ptr<VellNoteEntryStorage>& noteEntryStorage() const noexcept
+    {
+        return mNoteEntryStorage;
+    }
+    void setNoteEntryStorage(std::shared_ptr<VellNoteEntryStorage> storage);
+    bool isMetronomeEnabled() const noexcept { return mMetronomeEnabled.load(); }
+    void setMetronomeEnabled(bool enabled) noexcept { mMetronomeEnabled.store(enabled); }
+    const VellMetronomeInstrument& metronomeInstrument() const noexcept
+    {
+        return mMetronomeInstrument;
+    }
+    void setMetronomeInstrument(const VellMetronomeInstrument& instrument);
+    bool metronomeAccentsDownbeat() const noexcept { return mMetronomeAccentsDownbeat; }
+    void setMetronomeAccentsDownbeat(bool accents);
+    /// Copies the storage's notes and beats (with the metronome settings) for the render thread.
+    void refreshNoteEntryPlaybackStorage();
+    VellNoteEntryPlaybackStorage& noteEntryPlaybackStorage() noexcept
+    {
+        return *mNoteEntryPlaybackStorage;
+    }
+
+    // ---- Sources and notifications.
+    BRIXAudioBufferQueue* audioBufferQueue() const noexcept { return mAudioBufferQueue; }
+    /// The queue the music is read from (not owned; it must outlive rendering).
+    void setAudioBufferQueue(BRIXAudioBufferQueue* queue) noexcept { mAudioBufferQueue = queue; }
+    /// Runs block on the notification worker once the end of the stream was fed to the
+    /// stretcher. Thread: main, not while running.
+    void setEndOfStreamNotificationBlock(std::function<void()> block);
+    const AudioStreamBasicDescription& streamDescription() const noexcept
+    {
+        return mStreamDescription;
+    }
+    VellOutputAudioUnitDelegate* delegate() const noexcept { return mDelegate; }
+    void setDelegate(VellOutputAudioUnitDelegate* delegate) noexcept { mDelegate = delegate; }
+
+    // ---- Units and engines.
+    AudioUnit outputUnit() const noexcept { return mOutputUnit; }
+    AudioUnit mixerUnit() const noexcept { return mMixerUnit; }
+    AudioUnit metronomeUnit() const noexcept { return mMetronomeUnit; }
+    AudioUnit noteEntryPlaybackUnit() const noexcept { return mNoteEntryPlaybackUnit; }
+    TessalyInstance* tessalyInstance() const noexcept { return mIsolator; }
+    TessalyPannedPowerSpread& pannedPowerSpread() noexcept { return _pannedPowerSpread; }
+    VellSpectrumData& spectrumData() noexcept { return *mSpectrumData; }
+    DiracInstance* stretcher() const noexcept { return mDirac; }
+    const std::filesystem::path& metronomePresetURL() const noexcept { return _metronomePresetURL; }
+    const std::filesystem::path& guitarPresetURL() const noexcept { return _guitarPresetURL; }
+    /// Loads a preset into a sampler; answers the status (never raises).
+    OSStatus loadPresetWithURL(const std::filesystem::path& url, AudioUnit sampler);
+
+    // ---- Device end.
+    /// Frames from a render call to the sound leaving the device (0 when unknown).
+    std::uint32_t hardwareLatency();
+    /// Replaces the graph's output node by an output unit of another subtype ("genr" to
+    /// render offline, "def " for the device) and answers the new unit (null if the graph has
+    /// none). Raises "NSXError" on a failed graph call.
+    AudioUnit setOutputNodeWithSubtype(OSType subtype);
+    /// Input rate over output rate of an output unit (0 when the output rate is 0).
+    float rateScalarForOutputUnit(AudioUnit outputUnit);
+    /// Sizes the mixer's and samplers' largest slice to serve outputUnit.
+    void adjustMaximumFramesForOutputUnit(AudioUnit outputUnit);
+
+    // ---- Offline rendering.
+    /// Renders frames file frames from the buffer queue's position through the graph to a
+    /// file whose type follows the extension ("wav", "aif"/"aiff", "m4a"; anything else writes
+    /// nothing and returns false). Runs on the calling thread. Raises "NSXError" when a graph
+    /// or file call fails; the graph is back on the device and the levels restored either way.
+    bool writeSamples(std::uint32_t frames, const std::filesystem::path& fileURL);
+    void cancelWriteToFile() noexcept { mCancelExport.store(true); }
+    /// Whether writeSamples writes a file for this destination (by its extension).
+    static bool isSupportedExportPath(const std::filesystem::path& path);
+    bool isExportingAudio() const noexcept { return mExportingAudio.load(); }
+
+    /// Counters for diagnostics and tests. Thread: any.
+    struct Statistics {
+        std::uint64_t cycles = 0;          ///< music callbacks run
+        std::uint64_t droppedActiveNotes = 0; ///< notes not tracked for their note-off
+        std::uint64_t trackerRestarts = 0; ///< restarts of the frame bookkeeping
+    };
+    Statistics statistics() const noexcept;
+
+    // ---- The render callbacks. Thread: render. Wait-free, no allocation.
+    VELL_RT static OSStatus OAURenderCallback(void* inRefCon,
+                                              AudioUnitRenderActionFlags* ioActionFlags,
+                                              const AudioTimeStamp* inTimeStamp, UInt32 inBusNumber,
+                                              UInt32 inNumberFrames,
+                                              AudioBufferList* ioData) noexcept;
+    VELL_RT static OSStatus OAUFXProc(void* inRefCon, AudioUnitRenderActionFlags* ioActionFlags,
+                                      const AudioTimeStamp* inTimeStamp, UInt32 inBusNumber,
+                                      UInt32 inNumberFrames, AudioBufferList* ioData) noexcept;
+    VELL_RT static long diracCallback(float** channelData, long frames, void* owner) noexcept;
+
+private:
+    void setupAUGraph();
+    void setupDirac();
+    void observeNoteEntryChanges();
+    void observeStorage();
+    void teardown() noexcept;
+    /// Reads how long the samplers delay their notes, to schedule them that much earlier.
+    void refreshSamplerLead();
+    /// Clears every unit, the stretcher and the isolation engine and loads the presets, before
+    /// the graph renders (on the device or offline).
+    void prepareToRender();
+
+    VELL_RT void scheduleEvents(UInt32 frames) noexcept;
+    VELL_RT void scheduleNoteEntries(FileRange range, const FileRangeMapping& mapping,
+                                     bool reverse, Frame rangeStart) noexcept;
+    VELL_RT void scheduleBeatEntries(FileRange range, const FileRangeMapping& mapping,
+                                     bool reverse, Frame rangeStart) noexcept;
+    VELL_RT OSStatus renderMusic(AudioUnitRenderActionFlags* ioActionFlags, UInt32 frames,
+                                 AudioBufferList* ioData) noexcept;
+    VELL_RT long pullFileFrames(float** channelData, long frames) noexcept;
+    VELL_RT void consumeOutputFrames(UInt32 frames, double rate) noexcept;
+    VELL_RT double currentRate() const noexcept;
+    /// Reading position in the tracker's coordinates: file frames forwards, their negation
+    /// backwards, so that reading always moves up.
+    VELL_RT static Frame toReading(Frame fileFrame, bool reverse) noexcept
+    {
+        return reverse ? -fileFrame : fileFrame;
+    }
+
+    bool renderExport(std::uint32_t frames, const std::filesystem::path& fileURL, OSType fileType,
+                      const AudioStreamBasicDescription& outputFormat);
+
+    AudioStreamBasicDescription mStreamDescription{};
+    VellOutputAudioUnitDelegate* mDelegate = nullptr;
+
+    AUGraph mGraph = nullptr;
+    AUNode mOutputNode = 0;
+    AUNode mMixerNode = 0;
+    AUNode mMetronomeNode = 0;
+    AUNode mNoteEntryPlaybackNode = 0;
+    AudioUnit mOutputUnit = nullptr;
+    AudioUnit mMixerUnit = nullptr;
+    AudioUnit mMetronomeUnit = nullptr;
+    AudioUnit mNoteEntryPlaybackUnit = nullptr;
+
+    std::shared_ptr<VellNoteEntryStorage> mNoteEntryStorage;
+    std::unique_ptr<VellNoteEntryPlaybackStorage> mNoteEntryPlaybackStorage;
+    VellMetronomeInstrument mMetronomeInstrument;
+    std::atomic<bool> mMetronomeEnabled{false};
+    bool mMetronomeAccentsDownbeat = true;
+    std::vector<sigc::connection> mStorageConnections;
+
+    std::atomic<long long> _transpositionInterval{0};
+    std::atomic<double> _pitchAdjustment{0.0};
+    std::atomic<bool> mReverse{false};
+    std::uint32_t mHardwareLatency = 0;
+
+    TessalyInstance* mIsolator = nullptr;
+    TessalyPannedPowerSpread _pannedPowerSpread{128};
+    std::unique_ptr<VellSpectrumData> mSpectrumData;
+
+    std::atomic<bool> mCancelExport{false};
+    std::atomic<bool> mExportingAudio{false};
+
+    std::filesystem::path _metronomePresetURL;
+    std::filesystem::path _guitarPresetURL;
+
+    // ---- Pipeline.
+    BRIXAudioBufferQueue* mAudioBufferQueue = nullptr;
+    DiracInstance* mDirac = nullptr;
+    AudioBufferList mDiracBufferList{};
+    AudioBufferList mFXBufferList{};
+    std::atomic<bool> mDone{false};
+    std::atomic<bool> mPreroll{false};
+    std::atomic<Frame> mPrerollSampleStart{0};
+    std::atomic<Frame> mPrerollLoopStart{0};
+    KQueueableAudioNotification* mEndOfStreamNotification = nullptr;
+    KAudioNotificationQueueWorker* mAudioNotificationQueueWorker = nullptr;
+    std::unique_ptr<VellPlaybackEntry[]> mPlaybackEntries;
+    std::unique_ptr<VellPlaybackEntry[]> mActiveEntries;
+
+    // Seeks: the main thread stores the frame, then bumps the serial after resetting the
+    // stretcher; the render thread restarts the tracker at the stretcher's restart.
+    std::atomic<Frame> mSeekFrame{0};
+    std::atomic<std::uint64_t> mSeekSerial{0};
+    /// The frame being heard as the render thread last computed it, or the sought frame
+    /// until a seek has been applied.
+    std::atomic<Frame> mPublishedReadFrame{-1};
+    /// Frames of delay of each sampler's events (scheduled that much earlier).
+    std::atomic<std::int32_t> mSamplerLeadFrames{0};
+
+    // Render thread only.
+    FileRangeTracker mTracker;
+    double mConsumeCarry = 0;
+    std::uint64_t mSeenRestarts = 0;
+    std::uint64_t mAppliedSeekSerial = 0;
+    bool mTrackerReverse = false;
+    /// End of the last scheduled range (reading coordinates), kFrameNotFound after a restart.
+    Frame mScheduledThrough = kFrameNotFound;
+    /// Reading frame one past the end of the stream once it was fed (kFrameNotFound before).
+    Frame mEndOfStreamFrame = kFrameNotFound;
+    bool mEndOfStreamNotified = false;
+
+    std::atomic<std::uint64_t> mCycles{0};
+    std::atomic<std::uint64_t> mDroppedActiveNotes{0};
+    std::atomic<std::uint64_t> mTrackerRestarts{0};
+};
+
+} // namespace vell

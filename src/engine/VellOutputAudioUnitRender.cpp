@@ -1,0 +1,368 @@
+// The output unit's real-time path: event scheduling before each cycle, the music channel
+// (count-in, stretcher, isolation, frame bookkeeping) and the stretcher's input.
+#include "engine/VellOutputAudioUnit.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace vell {
+
+namespace {
+
+/// The frames a buffer list holds per channel.
+VELL_RT std::uint32_t framesIn(const AudioBufferList& list) noexcept
+{
+    return list.mNumberBuffers > 0 ? list.mBuffers[0].mDataByteSize / sizeof(float) : 0;
+}
+
+VELL_RT void zeroFrames(AudioBufferList& list, std::uint32_t offset, std::uint32_t frames) noexcept
+{
+    for (std::uint32_t i = 0; i < list.mNumberBuffers; ++i) {
+        if (list.mBuffers[i].mData != nullptr) {
+            std::memset(static_cast<float*>(list.mBuffers[i].mData) + offset, 0,
+                        std::size_t(frames) * sizeof(float));
+        }
+    }
+}
+
+using StorageQuery = OSStatus (*)(VellNoteEntryPlaybackStorage*, Frame, Frame, std::uint64_t*,
+                                  VellPlaybackEntry*) noexcept;
+
+} // namespace
+
+// ---- Scheduling ---------------------------------------------------------------------------------
+
+VELL_RT OSStatus VellOutputAudioUnit::OAURenderCallback(void* inRefCon,
+                                                        AudioUnitRenderActionFlags* ioActionFlags,
+                                                        const AudioTimeStamp*, UInt32,
+                                                        UInt32 inNumberFrames,
+                                                        AudioBufferList*) noexcept
+{
+    if (ioActionFlags != nullptr && (*ioActionFlags & kAudioUnitRenderAction_PreRender) != 0) {
+        static_cast<VellOutputAudioUnit*>(inRefCon)->scheduleEvents(inNumberFrames);
+    }
+    return noErr;
+}
+
+VELL_RT double VellOutputAudioUnit::currentRate() const noexcept
+{
+    const double timeFactor = double(DiracGetProperty(kDiracPropertyTimeFactor, mDirac));
+    return timeFactor > 0 ? 1.0 / timeFactor : 1.0;
+}
+
+VELL_RT void VellOutputAudioUnit::scheduleEvents(UInt32 frames) noexcept
+{
+    if (mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared()) {
+        return; // nothing fed yet: no position to schedule from
+    }
+    const FileRangeMapping mapping = FileRangeMapping::withRate(currentRate());
+    // The music is delayed by the isolation engine; a sampler that delays its own events is
+    // given them that much earlier.
+    const auto latency = std::int32_t(TessalyGetLatency(mIsolator) - mSamplerLeadFrames.load());
+    FileRange range = mapping.schedulingRange(mTracker.readFrame(), Frame(frames), latency);
+    // Consecutive cycles tile the time line. Where a rate change makes a range overlap the
+    // previous one or leave a small gap, it starts where the last one ended, so that no event
+    // starts twice and none is skipped.
+    const Frame previousEnd = mScheduledThrough;
+    const Frame slack = Frame(frames) * 2 + 2;
+    Frame from = range.start;
+    if (previousEnd != kFrameNotFound && previousEnd >= range.start - slack &&
+        previousEnd <= range.end) {
+        from = previousEnd;
+    }
+    mScheduledThrough = range.end;
+    if (from >= range.end) {
+        return;
+    }
+    const bool reverse = mTrackerReverse;
+    FileRange scheduled{from, range.end};
+    if (!mPreroll.load()) {
+        scheduleNoteEntries(scheduled, mapping, reverse, range.start);
+    }
+    if (mMetronomeEnabled.load()) {
+        scheduleBeatEntries(scheduled, mapping, reverse, range.start);
+    }
+}
+
+namespace {
+
+/// The entries of the storage whose frame (as the query measures it) lies at a reading
+/// position within [range.start, range.end), in reading coordinates. shift moves the positions
+/// the query is asked for (reading backwards, a note-off sits at start + duration).
+VELL_RT std::uint64_t queryReading(StorageQuery query, VellNoteEntryPlaybackStorage* storage,
+                                   FileRange range, bool reverse, Frame shift,
+                                   VellPlaybackEntry* entries, std::uint64_t capacity) noexcept
+{
+    // Reading position p holds file frame p forwards and -p backwards; the storage's ranges are
+    // closed, so [start, end) becomes [start, end - 1] (or its mirror).
+    const Frame first = reverse ? -(range.end - 1) + shift : range.start - shift;
+    std::uint64_t count = capacity;
+    query(storage, first, range.end - 1 - range.start, &count, entries);
+    return std::min(count, capacity);
+}
+
+} // namespace
+
+VELL_RT void VellOutputAudioUnit::scheduleNoteEntries(FileRange range,
+                                                      const FileRangeMapping& mapping,
+                                                      bool reverse, Frame rangeStart) noexcept
+{
+    VellPlaybackEntry* entries = mPlaybackEntries.get();
+    VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
+    const auto transposition = float(_transpositionInterval.load());
+    // Backwards a note starts at its end and stops at its start.
+    const StorageQuery onQuery = reverse ? VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange
+                                         : VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange;
+    const StorageQuery offQuery =
+        reverse ? VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange
+                : VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange;
+    const auto onFrame = [reverse](const VellPlaybackEntry& e) {
+        return reverse ? -(e.startFrame + e.duration) : e.startFrame;
+    };
+    const auto offFrame = [reverse](const VellPlaybackEntry& e) {
+        return reverse ? -e.startFrame : e.startFrame + e.duration;
+    };
+
+    std::uint64_t count =
+        queryReading(onQuery, storage, range, reverse, 0, entries, kPlaybackEntryCapacity);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const VellPlaybackEntry& entry = entries[i];
+        NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
+        const MusicDeviceNoteParams params{2, float(entry.midiNote) + transposition,
+                                           float(entry.velocity)};
+        const auto offset = std::max(mapping.sampleOffset(onFrame(entry), rangeStart), 0);
+        MusicDeviceStartNote(mNoteEntryPlaybackUnit, kMusicNoteEvent_UseGroupInstrument,
+                             entry.group, &instance, UInt32(offset), &params);
+        if (VellNoteEntryPlaybackStorageAddActiveEntryToBuffer(
+                instance, mActiveEntries.get(), std::int32_t(kPlaybackEntryCapacity), entry) == 0) {
+            mDroppedActiveNotes.fetch_add(1);
+        }
+    }
+
+    count = queryReading(offQuery, storage, range, reverse, 0, entries, kPlaybackEntryCapacity);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const VellPlaybackEntry& entry = entries[i];
+        std::uint32_t instance = 0;
+        VellNoteEntryPlaybackStoragePopInstanceForId(entry.eventId, &instance,
+                                                     mActiveEntries.get(), std::int32_t(kPlaybackEntryCapacity));
+        const auto offset = std::max(mapping.sampleOffset(offFrame(entry), rangeStart), 0);
+        MusicDeviceStopNote(mNoteEntryPlaybackUnit, entry.group, instance, UInt32(offset));
+    }
+}
+
+VELL_RT void VellOutputAudioUnit::scheduleBeatEntries(FileRange range,
+                                                      const FileRangeMapping& mapping,
+                                                      bool reverse, Frame rangeStart) noexcept
+{
+    VellPlaybackEntry* entries = mPlaybackEntries.get();
+    VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
+    // A click sounds at its beat in either direction; backwards its note-off comes a beat's
+    // duration after it in reading order.
+    std::uint64_t count =
+        queryReading(VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange, storage, range,
+                     reverse, 0, entries, kPlaybackEntryCapacity);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const VellPlaybackEntry& entry = entries[i];
+        NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
+        const MusicDeviceNoteParams params{2, float(entry.midiNote), float(entry.velocity)};
+        const auto offset =
+            std::max(mapping.sampleOffset(toReading(entry.startFrame, reverse), rangeStart), 0);
+        MusicDeviceStartNote(mMetronomeUnit, kMusicNoteEvent_UseGroupInstrument, entry.group,
+                             &instance, UInt32(offset), &params);
+    }
+
+    const StorageQuery offQuery = reverse ? VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange
+                                          : VellNoteEntryPlaybackStorageGetBeatEntriesEndingInRange;
+    count = queryReading(offQuery, storage, range, reverse,
+                         reverse ? kVellBeatEntryPlaybackDuration : 0, entries,
+                         kPlaybackEntryCapacity);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const VellPlaybackEntry& entry = entries[i];
+        const Frame off = reverse ? -entry.startFrame + entry.duration
+                                  : entry.startFrame + entry.duration;
+        const auto offset = std::max(mapping.sampleOffset(off, rangeStart), 0);
+        MusicDeviceStopNote(mMetronomeUnit, entry.group,
+                            NoteInstanceID(std::uint64_t(entry.eventId)), UInt32(offset));
+    }
+}
+
+// ---- Music --------------------------------------------------------------------------------------
+
+VELL_RT OSStatus VellOutputAudioUnit::OAUFXProc(void* inRefCon,
+                                                AudioUnitRenderActionFlags* ioActionFlags,
+                                                const AudioTimeStamp*, UInt32,
+                                                UInt32 inNumberFrames,
+                                                AudioBufferList* ioData) noexcept
+{
+    if (ioData == nullptr) {
+        return noErr;
+    }
+    return static_cast<VellOutputAudioUnit*>(inRefCon)->renderMusic(ioActionFlags, inNumberFrames,
+                                                                    ioData);
+}
+
+VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* ioActionFlags,
+                                                  UInt32 frames, AudioBufferList* ioData) noexcept
+{
+    mCycles.fetch_add(1);
+    const UInt32 channels = std::min<UInt32>(ioData->mNumberBuffers, AudioBufferList::kMaxBuffers);
+    frames = std::min(frames, framesIn(*ioData));
+    if (mAudioBufferQueue == nullptr || mDirac == nullptr) {
+        zeroFrames(*ioData, 0, frames);
+        return noErr;
+    }
+    mFXBufferList = *ioData;
+    UInt32 done = 0;
+
+    if (mPreroll.load()) {
+        // Count-in: the music stays silent while the bookkeeping walks from the count-in's
+        // start up to the reader's frame at the playback rate, so that the count-in's beats are
+        // scheduled where they fall; the music starts at the output frame where it arrives.
+        const double rate = currentRate();
+        const bool reverse = mReverse.load();
+        const Frame target = toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue),
+                                       reverse);
+        const Frame start = mPrerollSampleStart.load();
+        const double exact = double(target - start) / rate - mConsumeCarry;
+        const auto silent = UInt32(std::clamp<double>(std::ceil(exact), 0.0, double(frames)));
+        Frame advance = target - start;
+        if (silent == frames) {
+            const double wanted = double(frames) * rate + mConsumeCarry;
+            advance = std::min<Frame>(Frame(std::floor(wanted)), target - start);
+            mConsumeCarry = wanted - double(advance);
+        } else {
+            mConsumeCarry = 0;
+        }
+        mTrackerReverse = reverse;
+        mTracker.reset(start + advance);
+        mPrerollSampleStart.store(start + advance);
+        zeroFrames(*ioData, 0, silent);
+        if (silent == frames) {
+            if (ioActionFlags != nullptr) {
+                *ioActionFlags &= kAudioUnitRenderAction_OutputIsSilence;
+            }
+            mPublishedReadFrame.store(toReading(mTracker.readFrame(), reverse));
+            return noErr;
+        }
+        mPreroll.store(false);
+        done = silent;
+    }
+
+    const UInt32 remaining = frames - done;
+    std::array<float*, AudioBufferList::kMaxBuffers> pointers{};
+    for (UInt32 c = 0; c < channels; ++c) {
+        pointers[c] = static_cast<float*>(ioData->mBuffers[c].mData) + done;
+    }
+    DiracProcess(pointers.data(), long(remaining), mDirac);
+    for (UInt32 chunk = 0; chunk < remaining; chunk += kIsolationMaximumFrames) {
+        const UInt32 n = std::min(kIsolationMaximumFrames, remaining - chunk);
+        std::array<float*, AudioBufferList::kMaxBuffers> chunkPointers{};
+        for (UInt32 c = 0; c < channels; ++c) {
+            chunkPointers[c] = pointers[c] + chunk;
+        }
+        TessalyProcess(mIsolator, chunkPointers.data(), n, chunkPointers.data(), n);
+    }
+    consumeOutputFrames(remaining, currentRate());
+    return noErr;
+}
+
+VELL_RT void VellOutputAudioUnit::consumeOutputFrames(UInt32 frames, double rate) noexcept
+{
+    // Carry the fraction of frames x rate to the next cycle, so that the read frame follows the
+    // output exactly at rates like 0.73.
+    const double wanted = double(frames) * rate + mConsumeCarry;
+    const auto whole = Frame(std::floor(wanted));
+    mConsumeCarry = wanted - double(whole);
+    const Frame reading = mTracker.consumeFrames(whole);
+    const auto heard = reading - Frame(rate * double(TessalyGetLatency(mIsolator)));
+    if (!mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared()) {
+        mPublishedReadFrame.store(toReading(heard, mTrackerReverse));
+    }
+    if (mDone.load() && !mEndOfStreamNotified &&
+        (mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared() ||
+         heard >= mEndOfStreamFrame)) {
+        // The end of the stream is being heard now (not merely fed): let the owner stop.
+        mEndOfStreamNotified = true;
+        if (mEndOfStreamNotification != nullptr) {
+            KAudioNotificationQueueWorkerAddNotification(mAudioNotificationQueueWorker,
+                                                         mEndOfStreamNotification);
+        }
+    }
+}
+
+// ---- Stretcher input ----------------------------------------------------------------------------
+
+VELL_RT long VellOutputAudioUnit::diracCallback(float** channelData, long frames,
+                                                void* owner) noexcept
+{
+    return static_cast<VellOutputAudioUnit*>(owner)->pullFileFrames(channelData, frames);
+}
+
+VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frames) noexcept
+{
+    const UInt32 channels = mStreamDescription.mChannelsPerFrame;
+    const std::uint64_t restarts = DiracGetRestartCount(mDirac);
+    if (restarts != mSeenRestarts) {
+        // The stretcher starts a new time line with the frames pulled now: so does the
+        // bookkeeping, at the reader's frame.
+        mSeenRestarts = restarts;
+        mTrackerReverse = mReverse.load();
+        mTracker.reset(
+            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse));
+        mConsumeCarry = 0;
+        mScheduledThrough = kFrameNotFound;
+        mDone.store(false);
+        mEndOfStreamNotified = false;
+        mEndOfStreamFrame = kFrameNotFound;
+        mAppliedSeekSerial = mSeekSerial.load();
+        mTrackerRestarts.fetch_add(1);
+    }
+    if (mDone.load() || frames <= 0) {
+        return 0;
+    }
+
+    // Pull in pieces that do not cross a jump of the reading frame (a loop's wrap), recording
+    // each piece, so that the bookkeeping knows the file frame of every pulled frame.
+    long pulled = 0;
+    while (pulled < frames) {
+        const Frame position =
+            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse);
+        const Frame contiguous = BRIXAudioBufferQueueContiguousFrames(mAudioBufferQueue);
+        long piece = frames - pulled;
+        if (contiguous > 0) {
+            piece = long(std::min<Frame>(piece, contiguous));
+        }
+        std::array<float*, AudioBufferList::kMaxBuffers> pointers{};
+        for (UInt32 c = 0; c < channels; ++c) {
+            pointers[c] = channelData[c] + pulled;
+        }
+        auto copied = std::uint32_t(piece);
+        BRIXAudioBufferQueueCopyIntoChannels(mAudioBufferQueue, pointers.data(), channels,
+                                             &copied);
+        if (BRIXAudioBufferQueueReachedEndOfStream(mAudioBufferQueue)) {
+            // Whatever is still asked for is silence past the end; the bookkeeping stops at
+            // the end so that the read frame never runs past it.
+            for (UInt32 c = 0; c < channels; ++c) {
+                std::fill(pointers[c] + copied, pointers[c] + piece, 0.0f);
+            }
+            if (copied > 0) {
+                mTracker.record({position, position + Frame(copied)});
+            }
+            mEndOfStreamFrame = position + Frame(copied);
+            mDone.store(true);
+            return frames;
+        }
+        if (copied < std::uint32_t(piece)) {
+            // Starved: pad with silence but keep the time line, as if the frames had come.
+            for (UInt32 c = 0; c < channels; ++c) {
+                std::fill(pointers[c] + copied, pointers[c] + piece, 0.0f);
+            }
+        }
+        mTracker.record({position, position + Frame(piece)});
+        pulled += piece;
+    }
+    return frames;
+}
+
+} // namespace vell
