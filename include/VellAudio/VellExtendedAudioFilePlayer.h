@@ -158,6 +158,20 @@ public:
                              Error* outError = nullptr);
     /// Stops an export after the block in progress. Thread: any.
     void cancelWriteToFile();
+    /// Offline rendering for hosts and tools that pull the processed audio themselves (a
+    /// preview, a test): begin from the current frame with playback stopped, render blocks of
+    /// up to maximumFrames frames into channelCount() arrays at the file's rate, end. The
+    /// output trails the input by processingLatency() frames; nothing is dropped here. The
+    /// position, loop, speed and pitch may change between blocks. The file reader waits for
+    /// its data unless readerWaits is false (then it behaves as on a device: a block that is
+    /// not ready yet gives silence, and rendering never blocks). False with *outError filled
+    /// when the graph cannot be set up.
+    bool beginOfflineRendering(std::uint32_t maximumFrames, Error* outError = nullptr,
+                               bool readerWaits = true);
+    /// Renders frames (at most the maximum given) into channels. Thread: the caller of begin.
+    bool renderOffline(float* const* channels, std::uint32_t frames);
+    void endOfflineRendering();
+
     /// Called with the finished file's path after an M4A export (tags are copied there).
     using ExportFinisher = std::function<void(const std::filesystem::path& exported)>;
     void setExportFinisher(ExportFinisher finisher) { mExportFinisher = std::move(finisher); }
@@ -180,6 +194,8 @@ private:
     std::unique_ptr<BRIXAudioFileReader> mFileReader;
     std::weak_ptr<VellExtendedAudioFilePlayerDelegate> _delegate;
     ExportFinisher mExportFinisher;
+    void* mOfflineOutputUnit = nullptr;
+    double mOfflineSampleTime = 0;
     std::unique_ptr<detail::VellPlayerProgressRelay> mProgressRelay;
     /// Tasks queued for the main queue hold this weakly, so none runs after destruction.
     std::shared_ptr<VellExtendedAudioFilePlayer*> mSelf;

@@ -119,6 +119,7 @@ bool VellExtendedAudioFilePlayer::setUp(Error* outError)
 VellExtendedAudioFilePlayer::~VellExtendedAudioFilePlayer()
 {
     mSelf.reset();
+    endOfflineRendering();
     if (mOutputAudioUnit) {
         mOutputAudioUnit->stop();
     }
@@ -519,6 +520,64 @@ bool VellExtendedAudioFilePlayer::writeSamplesInRange(Frame location, Frame leng
         mExportFinisher(path);
     }
     return true;
+}
+
+bool VellExtendedAudioFilePlayer::beginOfflineRendering(std::uint32_t maximumFrames,
+                                                        Error* outError, bool readerWaits)
+{
+    if (isPlaying() || mOfflineOutputUnit != nullptr || maximumFrames == 0) {
+        assignError(outError, makeUserError("The audio could not be rendered.",
+                                            "Playback must be stopped first."));
+        return false;
+    }
+    mFileReader->setCurrentFrame(mCurrentFrame);
+    mFileReader->setWaitsForData(readerWaits);
+    mFileReader->start();
+    try {
+        mOfflineOutputUnit = mOutputAudioUnit->beginOfflineRendering(
+            mAudioFile->sampleRate(), maximumFrames);
+    } catch (const NSXException& exception) {
+        mOutputAudioUnit->endOfflineRendering();
+        mFileReader->stop();
+        mFileReader->setWaitsForData(false);
+        assignError(outError, exception.error());
+        return false;
+    }
+    mOfflineSampleTime = 0;
+    mCrossedPlaybackStart = false;
+    mPlaybackStartFrame = mCurrentFrame;
+    return true;
+}
+
+bool VellExtendedAudioFilePlayer::renderOffline(float* const* channels, std::uint32_t frames)
+{
+    auto* unit = static_cast<AudioUnit>(mOfflineOutputUnit);
+    if (unit == nullptr || channels == nullptr) {
+        return false;
+    }
+    AudioBufferList list;
+    list.mNumberBuffers = std::min<std::uint32_t>(channelCount(), AudioBufferList::kMaxBuffers);
+    for (std::uint32_t c = 0; c < list.mNumberBuffers; ++c) {
+        list.mBuffers[c] = {1, frames * std::uint32_t(sizeof(float)), channels[c]};
+    }
+    AudioTimeStamp timeStamp;
+    timeStamp.mFlags = kAudioTimeStampSampleTimeValid;
+    timeStamp.mSampleTime = mOfflineSampleTime;
+    AudioUnitRenderActionFlags flags = 0;
+    const OSStatus status = AudioUnitRender(unit, &flags, &timeStamp, 0, frames, &list);
+    mOfflineSampleTime += frames;
+    return status == noErr;
+}
+
+void VellExtendedAudioFilePlayer::endOfflineRendering()
+{
+    if (mOfflineOutputUnit == nullptr) {
+        return;
+    }
+    mOfflineOutputUnit = nullptr;
+    mOutputAudioUnit->endOfflineRendering();
+    mFileReader->stop();
+    mFileReader->setWaitsForData(false);
 }
 
 void VellExtendedAudioFilePlayer::cancelWriteToFile()

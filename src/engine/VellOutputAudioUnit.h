@@ -206,6 +206,12 @@ public:
     /// or file call fails; the graph is back on the device and the levels restored either way.
     bool writeSamples(std::uint32_t frames, const std::filesystem::path& fileURL);
     void cancelWriteToFile() noexcept { mCancelExport.store(true); }
+    /// Moves the graph onto a generic output at outputSampleRate (the output's largest slice
+    /// set to maximumFrames unless 0) and prepares it to be pulled on the calling thread from
+    /// the buffer queue's frame. Answers the output unit to pull. Raises "NSXError".
+    AudioUnit beginOfflineRendering(double outputSampleRate, UInt32 maximumFrames);
+    /// Puts the graph back on the device output.
+    void endOfflineRendering() noexcept;
     /// Whether writeSamples writes a file for this destination (by its extension).
     static bool isSupportedExportPath(const std::filesystem::path& path);
     bool isExportingAudio() const noexcept { return mExportingAudio.load(); }

@@ -169,6 +169,55 @@ void VellOutputAudioUnit::adjustMaximumFramesForOutputUnit(AudioUnit outputUnit)
 
 // ---- Offline rendering --------------------------------------------------------------------------
 
+AudioUnit VellOutputAudioUnit::beginOfflineRendering(double outputSampleRate, UInt32 maximumFrames)
+{
+    mExportingAudio.store(true);
+    VELL_CHECK_THROW(AUGraphUninitialize(mGraph));
+    AudioUnit outputUnit = setOutputNodeWithSubtype(kAudioUnitSubType_GenericOutput);
+    VELL_CHECK_THROW(outputUnit);
+    mOutputUnit = outputUnit;
+    VELL_CHECK_THROW(AudioUnitSetProperty(outputUnit, kAudioUnitProperty_SampleRate,
+                                          kAudioUnitScope_Output, 0, &outputSampleRate,
+                                          sizeof(outputSampleRate)));
+    if (maximumFrames > 0) {
+        VELL_CHECK_THROW(AudioUnitSetProperty(outputUnit, kAudioUnitProperty_MaximumFramesPerSlice,
+                                              kAudioUnitScope_Global, 0, &maximumFrames,
+                                              sizeof(maximumFrames)));
+    }
+    adjustMaximumFramesForOutputUnit(outputUnit);
+    VELL_CHECK_THROW(AudioUnitReset(mMixerUnit, kAudioUnitScope_Global, 0));
+    VELL_CHECK_THROW(AUGraphInitialize(mGraph));
+    prepareToRender();
+    // Nothing else renders now: the bookkeeping starts at the reader's frame at once, so the
+    // first block schedules from there.
+    mTrackerReverse = mReverse.load();
+    mTracker.reset(
+        toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse));
+    mConsumeCarry = 0;
+    mScheduledThrough = kFrameNotFound;
+    mSeenRestarts = DiracGetRestartCount(mDirac);
+    mPublishedReadFrame.store(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue));
+    return outputUnit;
+}
+
+void VellOutputAudioUnit::endOfflineRendering() noexcept
+{
+    try {
+        VELL_CHECK_LOG(AUGraphUninitialize(mGraph));
+        mOutputUnit = setOutputNodeWithSubtype(kAudioUnitSubType_DefaultOutput);
+        UInt32 maxFrames = kDeviceMaximumFramesPerSlice;
+        for (AudioUnit unit : {mMixerUnit, mMetronomeUnit, mNoteEntryPlaybackUnit}) {
+            VELL_CHECK_LOG(AudioUnitSetProperty(unit, kAudioUnitProperty_MaximumFramesPerSlice,
+                                                kAudioUnitScope_Global, 0, &maxFrames,
+                                                sizeof(maxFrames)));
+        }
+        VELL_CHECK_LOG(AUGraphInitialize(mGraph));
+    } catch (const std::exception& error) {
+        VELL_LOG_ERROR(error.what());
+    }
+    mExportingAudio.store(false);
+}
+
 bool VellOutputAudioUnit::writeSamples(std::uint32_t frames, const std::filesystem::path& fileURL)
 {
     mDone.store(false);
@@ -192,20 +241,7 @@ bool VellOutputAudioUnit::writeSamples(std::uint32_t frames, const std::filesyst
         VELL_CHECK_LOG(AudioUnitSetParameter(mMixerUnit, kMultiChannelMixerParam_Volume,
                                              kAudioUnitScope_Input, 0, currentOutputLevel, 0));
         if (swapped) {
-            try {
-                VELL_CHECK_LOG(AUGraphUninitialize(mGraph));
-                mOutputUnit = setOutputNodeWithSubtype(kAudioUnitSubType_DefaultOutput);
-                UInt32 maxFrames = kDeviceMaximumFramesPerSlice;
-                for (AudioUnit unit : {mMixerUnit, mMetronomeUnit, mNoteEntryPlaybackUnit}) {
-                    VELL_CHECK_LOG(AudioUnitSetProperty(unit,
-                                                        kAudioUnitProperty_MaximumFramesPerSlice,
-                                                        kAudioUnitScope_Global, 0, &maxFrames,
-                                                        sizeof(maxFrames)));
-                }
-                VELL_CHECK_LOG(AUGraphInitialize(mGraph));
-            } catch (const std::exception& error) {
-                VELL_LOG_ERROR(error.what());
-            }
+            endOfflineRendering();
         }
         if (outfile != nullptr) {
             VELL_CHECK_LOG(ExtAudioFileDispose(outfile));
@@ -217,26 +253,8 @@ bool VellOutputAudioUnit::writeSamples(std::uint32_t frames, const std::filesyst
     VELL_CHECK_THROW(ExtAudioFileCreateWithURL(path.c_str(), format->fileType, &outputFormat,
                                                nullptr, kAudioFileFlags_EraseFile, &outfile));
 
-    VELL_CHECK_THROW(AUGraphUninitialize(mGraph));
     swapped = true;
-    AudioUnit outputUnit = setOutputNodeWithSubtype(kAudioUnitSubType_GenericOutput);
-    VELL_CHECK_THROW(outputUnit);
-    mOutputUnit = outputUnit;
-    VELL_CHECK_THROW(AudioUnitSetProperty(outputUnit, kAudioUnitProperty_SampleRate,
-                                          kAudioUnitScope_Output, 0, &(outputFormat.mSampleRate),
-                                          sizeof(outputFormat.mSampleRate)));
-    adjustMaximumFramesForOutputUnit(outputUnit);
-    VELL_CHECK_THROW(AudioUnitReset(mMixerUnit, kAudioUnitScope_Global, 0));
-    VELL_CHECK_THROW(AUGraphInitialize(mGraph));
-    prepareToRender();
-    // Nothing else renders now: the bookkeeping starts at the reader's frame at once, so the
-    // first block schedules from there.
-    mTrackerReverse = mReverse.load();
-    mTracker.reset(
-        toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse));
-    mConsumeCarry = 0;
-    mScheduledThrough = kFrameNotFound;
-    mSeenRestarts = DiracGetRestartCount(mDirac);
+    AudioUnit outputUnit = beginOfflineRendering(outputFormat.mSampleRate, 0);
 
     const double r = playbackRate();
     const double s = rateScalarForOutputUnit(outputUnit);
