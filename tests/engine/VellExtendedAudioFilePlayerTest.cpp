@@ -94,7 +94,7 @@ TEST(VellExtendedAudioFilePlayer, ReportsTheHeardFrameAfterSeeksLoopWrapsAndSpee
     } phases[] = {{"start", 1.0, settle, seekAt, 0.05, 0.05},
                   {"after a seek", 1.0, seekAt + settle, loopAt, 0.05, 0.05},
                   {"across loop wraps", 1.0, loopAt + settle, speedAt, 0.05, 0.05},
-                  {"after a speed change", 0.75, speedAt + settle, render.left.size(), 1.5, 3.0}};
+                  {"after a speed change", 0.75, speedAt + settle, render.left.size(), 1.5, 5.0}};
     for (const auto& phase : phases) {
         SCOPED_TRACE(phase.phase);
         const auto errors = heardFrameErrors(render, clicks, phase.rate, phase.from, phase.to);
@@ -173,8 +173,8 @@ TEST(VellExtendedAudioFilePlayer, DegenerateSettingsNeitherSilenceNorBreakTheSou
     player->setCurrentFrame(Frame(kRate));
     ASSERT_TRUE(player->beginOfflineRendering(4096));
     const std::vector<std::pair<double, double>> settings = {
-        {0.0, 0.0},   {-0.0, 0.0}, {NAN, 0.0},        {1e308, 0.0}, {-1e308, 0.0},
-        {1.0, 1e9},   {1.0, -1e9}, {1.0, NAN},        {INFINITY, INFINITY}, {0.5, 0.0}};
+        {0.0, 0.0}, {-0.0, 0.0}, {NAN, 0.0}, {1e308, 0.0},         {-1e308, 0.0},
+        {1.0, 1e9}, {1.0, -1e9}, {1.0, NAN}, {INFINITY, INFINITY}, {0.5, 0.0}};
     for (const auto& [speed, cents] : settings) {
         SCOPED_TRACE(testing::Message() << "speed " << speed << ", cents " << cents);
         player->setPlaybackSpeed(speed);
