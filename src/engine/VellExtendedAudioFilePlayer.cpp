@@ -216,7 +216,9 @@ Frame VellExtendedAudioFilePlayer::currentFrame()
     if (!mFileReader->running()) {
         return std::max<Frame>(mCurrentFrame, 0);
     }
-    const Frame f = mOutputAudioUnit->currentTrackedReadFrame() - mOutputLatencyFrames;
+    // Past the end of the file the engine plays out silence; the frame stops at the end.
+    const Frame f = std::min(mOutputAudioUnit->currentTrackedReadFrame() - mOutputLatencyFrames,
+                             totalFrames());
     mCurrentFrame = f;
     // Until the heard frame passes the start frame the display holds on it, which hides the
     // engine's latency at a start and after a seek. Backwards, passing means going below it.

@@ -26,6 +26,9 @@ VELL_RT void zeroFrames(AudioBufferList& list, std::uint32_t offset, std::uint32
     }
 }
 
+/// Frames of silence the bookkeeping follows past the end of the stream.
+constexpr Frame kFramesAfterEnd = Frame(1) << 40;
+
 using StorageQuery = OSStatus (*)(VellNoteEntryPlaybackStorage*, Frame, Frame, std::uint64_t*,
                                   VellPlaybackEntry*) noexcept;
 
@@ -279,9 +282,7 @@ VELL_RT void VellOutputAudioUnit::consumeOutputFrames(UInt32 frames, double rate
     if (!mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared()) {
         mPublishedReadFrame.store(toReading(heard, mTrackerReverse));
     }
-    if (mDone.load() && !mEndOfStreamNotified &&
-        (mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared() ||
-         heard >= mEndOfStreamFrame)) {
+    if (mDone.load() && !mEndOfStreamNotified && heard >= mEndOfStreamFrame) {
         // The end of the stream is being heard now (not merely fed): let the owner stop.
         mEndOfStreamNotified = true;
         if (mEndOfStreamNotification != nullptr) {
@@ -350,6 +351,9 @@ VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frame
                 mTracker.record({position, position + Frame(copied)});
             }
             mEndOfStreamFrame = position + Frame(copied);
+            // The stretcher plays out the silence after the end: the heard frame keeps moving
+            // through it, so the end is reported when it is heard.
+            mTracker.record({mEndOfStreamFrame, mEndOfStreamFrame + kFramesAfterEnd});
             mDone.store(true);
             return frames;
         }

@@ -7,6 +7,8 @@
 
 #include "engine/VellOutputAudioUnit.h"
 
+#include <VellAudio/VellAudioDevices.h>
+#include <VellAudio/VellMainQueue.h>
 #include <VellAudio/VellNoteEntryStorage.h>
 #include <VellAudio/VellPracticeDocument.h>
 
@@ -330,6 +332,70 @@ TEST(VellExtendedAudioFilePlayer, ExportWritesWhatIsHeardAndAlwaysRestoresTheGra
     ASSERT_TRUE(cancelled) << error.description();
     EXPECT_EQ(cancelled->sourceFormat().codec, "pcm_s16be");
     EXPECT_LT(cancelled->frameCount(), Frame(2 * 44100));
+}
+
+TEST(VellExtendedAudioFilePlayer, PlaysBackwardsWithTheHeardFrameGoingDown)
+{
+    ScopedDefaults defaults;
+    const Frame length = Frame(10 * kRate);
+    const std::vector<Frame> clicks = gridFrames(Frame(0.3 * kRate), 0.4 * kRate, length);
+    auto player = makePlayer(makeClickFile(kRate, length, clicks));
+    ASSERT_TRUE(player);
+    player->setPlaybackSpeed(-1.0);
+    EXPECT_TRUE(player->isReverse());
+    EXPECT_EQ(player->playbackSpeed(), 1.0);
+    const Frame start = Frame(8 * kRate);
+    player->setCurrentFrame(start);
+    ASSERT_TRUE(player->beginOfflineRendering(512));
+    OfflineRender render;
+    ASSERT_TRUE(render.run(*player, std::size_t(4 * kRate), 512));
+    player->endOfflineRendering();
+
+    // Every click between the start and where playback got to sounds at (start - click) plus
+    // the isolation latency, and the heard frame runs down with the output.
+    const auto latency = double(player->processingLatency());
+    std::vector<double> expected;
+    for (Frame c : clicks) {
+        const double at = double(start - c) + latency;
+        if (c <= start && at < double(render.left.size())) {
+            expected.push_back(at);
+        }
+    }
+    std::sort(expected.begin(), expected.end());
+    const auto found = onsets(render.left);
+    ASSERT_EQ(found.size(), expected.size());
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        EXPECT_NEAR(found[i], expected[i], 1.0);
+    }
+    const auto [rendered, heard] = render.tracked.back();
+    EXPECT_NEAR(double(heard), double(start) - (double(rendered) - latency), 1.0);
+}
+
+class EndOfFileRecorder : public VellExtendedAudioFilePlayerDelegate {
+public:
+    void audioFilePlayerDidReachEndOfFile(VellExtendedAudioFilePlayer&) override { ++ends; }
+    int ends = 0;
+};
+
+TEST(VellExtendedAudioFilePlayer, PlaysToTheEndOnTheNullDeviceAndTellsItsDelegateOnce)
+{
+    ScopedDefaults defaults(206, 300);
+    ASSERT_TRUE(VellSelectOutputDevice("null"));
+    auto player = makePlayer(makeClickFile(kRate, Frame(0.4 * kRate), {Frame(0.1 * kRate)}));
+    ASSERT_TRUE(player);
+    auto recorder = std::make_shared<EndOfFileRecorder>();
+    player->setDelegate(recorder);
+    Error error;
+    ASSERT_TRUE(player->startFilePlaying(&error)) << error.description();
+    EXPECT_TRUE(player->isPlaying());
+    // The end is reported once it is heard, and the player stops its output there.
+    EXPECT_TRUE(VellRunMainQueueUntil([&] { return recorder->ends > 0; },
+                                      std::chrono::seconds(10)));
+    EXPECT_FALSE(player->isPlaying());
+    EXPECT_EQ(player->currentFrame(), player->totalFrames());
+    VellDrainMainQueue();
+    EXPECT_EQ(recorder->ends, 1);
+    player->stopFilePlaying();
 }
 
 } // namespace
