@@ -444,7 +444,8 @@ void VellOutputAudioUnit::refreshSamplerLead()
 
 VellOutputAudioUnit::Statistics VellOutputAudioUnit::statistics() const noexcept
 {
-    return {mCycles.load(), mDroppedActiveNotes.load(), mTrackerRestarts.load()};
+    return {mCycles.load(), mDroppedActiveNotes.load(), mTrackerRestarts.load(),
+            mNotesStarted.load(), mBeatsStarted.load()};
 }
 
 } // namespace vell

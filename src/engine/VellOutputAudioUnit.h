@@ -218,9 +218,11 @@ public:
 
     /// Counters for diagnostics and tests. Thread: any.
     struct Statistics {
-        std::uint64_t cycles = 0;          ///< music callbacks run
+        std::uint64_t cycles = 0;             ///< music callbacks run
         std::uint64_t droppedActiveNotes = 0; ///< notes not tracked for their note-off
-        std::uint64_t trackerRestarts = 0; ///< restarts of the frame bookkeeping
+        std::uint64_t trackerRestarts = 0;    ///< restarts of the frame bookkeeping
+        std::uint64_t notesStarted = 0;       ///< note entries started on the note sampler
+        std::uint64_t beatsStarted = 0;       ///< beats started on the metronome sampler
     };
     Statistics statistics() const noexcept;
 
@@ -341,6 +343,8 @@ private:
     std::atomic<std::uint64_t> mCycles{0};
     std::atomic<std::uint64_t> mDroppedActiveNotes{0};
     std::atomic<std::uint64_t> mTrackerRestarts{0};
+    std::atomic<std::uint64_t> mNotesStarted{0};
+    std::atomic<std::uint64_t> mBeatsStarted{0};
 };
 
 } // namespace vell

@@ -137,6 +137,7 @@ VELL_RT void VellOutputAudioUnit::scheduleNoteEntries(FileRange range,
         const auto offset = std::max(mapping.sampleOffset(onFrame(entry), rangeStart), 0);
         MusicDeviceStartNote(mNoteEntryPlaybackUnit, kMusicNoteEvent_UseGroupInstrument,
                              entry.group, &instance, UInt32(offset), &params);
+        mNotesStarted.fetch_add(1);
         if (VellNoteEntryPlaybackStorageAddActiveEntryToBuffer(
                 instance, mActiveEntries.get(), std::int32_t(kPlaybackEntryCapacity), entry) == 0) {
             mDroppedActiveNotes.fetch_add(1);
@@ -173,6 +174,7 @@ VELL_RT void VellOutputAudioUnit::scheduleBeatEntries(FileRange range,
             std::max(mapping.sampleOffset(toReading(entry.startFrame, reverse), rangeStart), 0);
         MusicDeviceStartNote(mMetronomeUnit, kMusicNoteEvent_UseGroupInstrument, entry.group,
                              &instance, UInt32(offset), &params);
+        mBeatsStarted.fetch_add(1);
     }
 
     const StorageQuery offQuery = reverse ? VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange

@@ -371,6 +371,53 @@ TEST(VellExtendedAudioFilePlayer, PlaysBackwardsWithTheHeardFrameGoingDown)
     EXPECT_NEAR(double(heard), double(start) - (double(rendered) - latency), 1.0);
 }
 
+TEST(VellExtendedAudioFilePlayer, StartsEveryNoteAndBeatOnceWhateverTheCycleBoundaries)
+{
+    ScopedDefaults defaults(206, 300);
+    const Frame length = Frame(20 * kRate);
+    auto player = makePlayer(makeClickFile(kRate, length, {}));
+    ASSERT_TRUE(player);
+    // Three-note chords and beats on frames that fall on cycle boundaries at unity speed (the
+    // output trails by the isolation latency, a multiple of the cycle) and between them.
+    auto storage = std::make_shared<VellNoteEntryStorage>();
+    VellEntryArray<VellNoteEntry> notes;
+    VellEntryArray<VellBeatEntry> beats;
+    int chords = 0;
+    for (Frame at = 512 * 20; at < length - Frame(2 * kRate); at += 512 * 37 + (chords % 3)) {
+        for (int voice = 0; voice < 3; ++voice) {
+            auto note = storage->newNoteEntry();
+            note->setLocation(at);
+            note->setLength(512 * 5);
+            note->setPitch(KPitch(60 + 4 * voice));
+            notes.push_back(note);
+        }
+        auto beat = storage->newBeatEntry();
+        beat->setLocation(at);
+        beat->setDownbeat(true);
+        beats.push_back(beat);
+        ++chords;
+    }
+    storage->addNoteEntriesFromArray(notes);
+    storage->addBeatEntriesFromArray(beats);
+    player->setNoteEntryStorage(storage);
+    player->setMetronomeEnabled(true);
+    const double rates[] = {1.0, 0.5, 0.73};
+    for (double rate : rates) {
+        SCOPED_TRACE(rate);
+        player->setPlaybackSpeed(rate);
+        player->setCurrentFrame(0);
+        const auto before = player->outputAudioUnit().statistics();
+        ASSERT_TRUE(player->beginOfflineRendering(512));
+        OfflineRender render;
+        ASSERT_TRUE(render.run(*player, std::size_t(double(length) / rate), 512));
+        player->endOfflineRendering();
+        const auto after = player->outputAudioUnit().statistics();
+        EXPECT_EQ(after.notesStarted - before.notesStarted, std::uint64_t(3 * chords));
+        EXPECT_EQ(after.beatsStarted - before.beatsStarted,
+                  std::uint64_t(storage->beatEntriesFilteredByTimeSignature().size()));
+    }
+}
+
 class EndOfFileRecorder : public VellExtendedAudioFilePlayerDelegate {
 public:
     void audioFilePlayerDidReachEndOfFile(VellExtendedAudioFilePlayer&) override { ++ends; }
