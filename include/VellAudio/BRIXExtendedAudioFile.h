@@ -19,10 +19,11 @@ namespace detail {
 class AudioFileDecoder;
 }
 
-/// Decodes any common audio format (MP3, AAC and ALAC in MP4, FLAC, WAV, AIFF, Ogg Vorbis, Opus)
-/// at open. The client format is non-interleaved float at the file's own sample rate with two
-/// channels (mono duplicated, more than two folded down). Frame counts are exact: encoder delay
-/// and padding are removed where the file says how much there is.
+/// Decodes every music format FFmpeg reads (MP3, AAC, ALAC, FLAC, WAV, AIFF, Vorbis, Opus, WMA,
+/// AC-3, DTS, WavPack, DSD...), and the audio track of video files, at open. The client format is
+/// non-interleaved float at the file's own sample rate (88.2 kHz for DSD) with two channels (mono
+/// duplicated, more than two folded down). Frame counts are exact: encoder delay and padding are
+/// removed where the file says how much there is.
 ///
 /// Thread safety: after creation the samples never change; any thread may read them, and the
 /// render thread may call `channelData` and `frameCount`. `seekToFrame` and

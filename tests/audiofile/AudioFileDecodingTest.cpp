@@ -7,8 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <fstream>
+#include <numbers>
 #include <random>
 #include <span>
 #include <stdexcept>
@@ -92,7 +94,8 @@ std::ostream& operator<<(std::ostream& out, const FormatCase& c)
 
 std::string replaced(std::string text, const std::string& key, const std::string& value)
 {
-    for (auto at = text.find(key); at != std::string::npos; at = text.find(key, at + value.size())) {
+    for (auto at = text.find(key); at != std::string::npos;
+         at = text.find(key, at + value.size())) {
         text.replace(at, key.size(), value);
     }
     return text;
@@ -101,8 +104,8 @@ std::string replaced(std::string text, const std::string& key, const std::string
 const FormatCase kFormats[] = {
     {"wav16", "wav", "ffmpeg -y -i {in} -c:a pcm_s16le {out}", Count::Source, 1.0 / 32768, kRate,
      "wav", "pcm_s16le", 16},
-    {"wav24", "wav", "ffmpeg -y -i {in} -c:a pcm_s24le {out}", Count::Source, 1.0 / 8388608,
-     kRate, "wav", "pcm_s24le", 24},
+    {"wav24", "wav", "ffmpeg -y -i {in} -c:a pcm_s24le {out}", Count::Source, 1.0 / 8388608, kRate,
+     "wav", "pcm_s24le", 24},
     {"wav32", "wav", "ffmpeg -y -i {in} -c:a pcm_s32le {out}", Count::Source, 1e-7, kRate, "wav",
      "pcm_s32le", 32},
     {"wavfloat", "wav", "ffmpeg -y -i {in} -c:a pcm_f32le {out}", Count::Source, 0, kRate, "wav",
@@ -111,8 +114,8 @@ const FormatCase kFormats[] = {
      "pcm_s16be", 16},
     {"aifc", "aifc", "sox {in} -e floating-point -b 32 {out}", Count::Source, 1e-7, kRate, "aiff",
      "pcm_f32be", 32},
-    {"flac16", "flac", "sox {in} -D -b 16 {out}", Count::Source, 1.0 / 32768, kRate, "flac",
-     "flac", 16},
+    {"flac16", "flac", "sox {in} -D -b 16 {out}", Count::Source, 1.0 / 32768, kRate, "flac", "flac",
+     16},
     {"flac24", "flac", "ffmpeg -y -i {in} -c:a flac {out}", Count::Source, 2.5e-7, kRate, "flac",
      "flac", 24},
     {"alac", "m4a", "ffmpeg -y -i {in} -c:a alac {out}", Count::Source, 2.5e-7, kRate, "mp4",
@@ -183,7 +186,8 @@ TEST_P(AudioFileFormatTest, DecodesExactlyAlignedAndLikeFFmpeg)
         ASSERT_EQ(Frame(data.size()), frames);
         float worst = 0;
         for (Frame i = 0; i < frames; ++i) {
-            worst = std::max(worst, std::abs(data[std::size_t(i)] - reference.at(std::size_t(i), int(channel))));
+            worst = std::max(
+                worst, std::abs(data[std::size_t(i)] - reference.at(std::size_t(i), int(channel))));
         }
         EXPECT_LE(worst, 1e-6f) << "channel " << channel;
     }
@@ -262,6 +266,171 @@ TEST_P(AudioFileFormatTest, ReadsAtRandomFramesAreSampleAccurate)
 INSTANTIATE_TEST_SUITE_P(Formats, AudioFileFormatTest, testing::ValuesIn(kFormats),
                          [](const testing::TestParamInfo<FormatCase>& formatCase) {
                              return std::string(formatCase.param.name);
+                         });
+
+// ---- Every other codec and container FFmpeg can write here, and the audio of video files.
+
+/// The input of a video stream, placed first so the audio is not the file's first stream.
+#define VELL_VIDEO "-f lavfi -i color=s=176x144:r=25:d=3 -i {in} -map 0:v -map 1:a "
+
+struct CodecCase {
+    const char* name;
+    const char* extension;
+    const char* arguments; // ffmpeg's inputs and options; {in} is the source at `rate`
+    int rate;
+    const char* container;
+    const char* codec;
+    /// The source's length exactly; otherwise FFmpeg's own decode's.
+    bool exactLength;
+    /// Encoder delay the file does not record, left at the start.
+    int lag;
+    /// Largest noise-to-signal ratio against the source once aligned; negative for speech codecs
+    /// and mono downmixes, which are only compared with FFmpeg's decode.
+    double maxNoise;
+    /// What FFmpeg needs to decode the same track.
+    const char* reference = "";
+};
+
+std::ostream& operator<<(std::ostream& out, const CodecCase& c)
+{
+    return out << c.name;
+}
+
+constexpr double kLossy = 0.1;
+constexpr double kLossless = 1e-8;
+
+const CodecCase kCodecs[] = {
+    // FFmpeg's WMA encoder and decoder together lose the first frame.
+    {"wma", "wma", "-i {in} -c:a wmav2 -b:a 192k", kRate, "asf", "wmav2", false, -2048, kLossy},
+    {"ac3", "ac3", "-i {in} -c:a ac3 -b:a 384k", kRate, "ac3", "ac3", false, 256, kLossy},
+    {"eac3", "eac3", "-i {in} -c:a eac3 -b:a 384k", kRate, "eac3", "eac3", false, 256, kLossy},
+    // The file's length includes the padding of the last frame.
+    {"ac3InMP4", "m4a", "-i {in} -c:a ac3 -b:a 384k", kRate, "mp4", "ac3", false, 0, kLossy},
+    {"eac3InMatroska", "mka", "-i {in} -c:a eac3 -b:a 384k", kRate, "matroska", "eac3", false, 256,
+     kLossy},
+    {"dts", "dts", "-i {in} -c:a dca -strict -2", kRate, "dts", "dts", false, 512, kLossy},
+    {"truehd", "thd", "-i {in} -c:a truehd -strict -2", kRate, "truehd", "truehd", true, 0,
+     kLossless},
+    {"mlp", "mlp", "-i {in} -c:a mlp -strict -2", kRate, "mlp", "mlp", false, 0, kLossless},
+    {"wavpack", "wv", "-i {in} -c:a wavpack", kRate, "wv", "wavpack", true, 0, kLossless},
+    {"wavpackInMatroska", "mka", "-i {in} -c:a wavpack", kRate, "matroska", "wavpack", true, 0,
+     kLossless},
+    {"tta", "tta", "-i {in} -c:a tta", kRate, "tta", "tta", true, 0, kLossless},
+    {"flacInMP4", "mp4", "-i {in} -c:a flac -strict -2", kRate, "mp4", "flac", true, 0, kLossless},
+    {"opusInMP4", "mp4", "-i {in} -c:a libopus", 48000, "mp4", "opus", true, 0, kLossy},
+    {"vorbisInMatroska", "mka", "-i {in} -c:a libvorbis", kRate, "matroska", "vorbis", false, 0,
+     kLossy},
+    {"speex", "spx", "-i {in} -c:a libspeex", 32000, "ogg", "speex", false, 0, -1},
+    {"w64", "w64", "-i {in} -c:a pcm_s24le", kRate, "w64", "pcm_s24le", true, 0, kLossless},
+    {"au", "au", "-i {in} -c:a pcm_s16be", kRate, "au", "pcm_s16be", true, 0, kLossless},
+    {"voc", "voc", "-i {in} -c:a pcm_s16le", kRate, "voc", "pcm_s16le", true, 0, kLossless},
+    {"g722", "g722", "-i {in} -ac 1 -c:a g722", 16000, "g722", "adpcm_g722", false, 0, -1},
+    {"g726InWav", "wav", "-i {in} -ac 1 -c:a g726 -b:a 32k", 8000, "wav", "adpcm_g726", false, 0,
+     -1},
+    {"gsm", "gsm", "-i {in} -ac 1 -c:a libgsm", 8000, "gsm", "gsm", false, 0, -1},
+    {"s302mInMPEGTS", "ts", "-i {in} -c:a s302m -strict -2", 48000, "mpegts", "s302m", true, 0,
+     kLossless},
+    {"videoMP4", "mp4", VELL_VIDEO "-c:v mpeg4 -c:a aac -b:a 192k", kRate, "mp4", "aac", true, 0,
+     kLossy},
+    {"video3GP", "3gp", VELL_VIDEO "-c:v h263 -c:a aac -b:a 192k", kRate, "mp4", "aac", true, 0,
+     kLossy},
+    {"videoWebM", "webm", VELL_VIDEO "-c:v libvpx -c:a libopus", 48000, "matroska", "opus", true, 0,
+     kLossy},
+    {"videoAVI", "avi", VELL_VIDEO "-c:v mpeg4 -c:a libmp3lame -b:a 192k", kRate, "avi", "mp3",
+     false, 1105, kLossy},
+    {"videoFLV", "flv", VELL_VIDEO "-c:v flv -c:a libmp3lame -b:a 192k", kRate, "flv", "mp3", false,
+     1105, kLossy},
+    {"videoMPEGTS", "ts", VELL_VIDEO "-c:v mpeg2video -c:a mp2 -b:a 256k", kRate, "mpegts", "mp2",
+     false, 481, kLossy},
+    {"videoMPEGPS", "mpg", VELL_VIDEO "-c:v mpeg1video -c:a mp2 -b:a 256k", kRate, "mpeg", "mp2",
+     false, 481, kLossy},
+    // The first audio track's codec is refused: the second one plays.
+    {"refusedTrackSkipped", "mka",
+     "-f lavfi -i sine=r=48000:d=1 -i {in} -map 0:a -map 1:a -c:a:0 dfpwm -c:a:1 flac", kRate,
+     "matroska", "flac", true, 0, kLossless, "-map 0:a:1"},
+};
+
+#undef VELL_VIDEO
+
+class AudioFileCodecTest : public testing::TestWithParam<CodecCase> {
+protected:
+    void SetUp() override
+    {
+        if (!haveTools()) {
+            GTEST_SKIP() << "ffmpeg, ffprobe and sox are needed";
+        }
+    }
+
+    /// The source signal at `rate` as a float WAV, written once.
+    static std::filesystem::path sourceAt(int rate)
+    {
+        const auto path =
+            Sources::shared().directory() / ("source-" + std::to_string(rate) + ".wav");
+        if (!std::filesystem::exists(path)) {
+            test::writeWav(path, test::makeTestSignal(kFrames, 2, rate), 32, true);
+        }
+        return path;
+    }
+};
+
+TEST_P(AudioFileCodecTest, DecodesLikeFFmpegAlignedWithTheSource)
+{
+    const CodecCase& c = GetParam();
+    const auto path = Sources::shared().directory() / (std::string(c.name) + "." + c.extension);
+    const std::string command =
+        "ffmpeg -y " + replaced(c.arguments, "{in}", quoted(sourceAt(c.rate))) + " " + quoted(path);
+    ASSERT_TRUE(test::run(command)) << command;
+
+    Error error;
+    const auto file = BRIXExtendedAudioFile::create(path, &error);
+    ASSERT_TRUE(file) << error.description();
+    EXPECT_EQ(file->sampleRate(), c.rate);
+    EXPECT_EQ(file->sourceFormat().container, c.container);
+    EXPECT_EQ(file->sourceFormat().codec, c.codec);
+    const Audio reference = test::decodeWithFFmpeg(path, c.reference);
+    ASSERT_GT(reference.frames(), 0u);
+    const Frame frames = file->frameCount();
+    EXPECT_EQ(frames, Frame(c.exactLength ? kFrames : reference.frames()));
+    ASSERT_LE(frames, Frame(reference.frames()));
+
+    for (std::uint32_t channel = 0; channel < 2; ++channel) {
+        const auto data = file->channelData(channel);
+        const int from = std::min(int(channel), reference.channels - 1);
+        float worst = 0;
+        for (std::size_t i = 0; i < data.size(); ++i) {
+            worst = std::max(worst, std::abs(data[i] - reference.at(i, from)));
+        }
+        EXPECT_LE(worst, 1e-6f) << "channel " << channel;
+    }
+    if (c.maxNoise < 0) {
+        return;
+    }
+
+    // The source's signal, on the right channels, delayed only by what the file leaves unsaid.
+    const Audio source = test::makeTestSignal(kFrames, 2, c.rate);
+    for (int channel = 0; channel < 2; ++channel) {
+        SCOPED_TRACE(testing::Message() << "channel " << channel);
+        const auto decoded = channelOf(*file, std::uint32_t(channel));
+        const auto expected = channelOf(source, channel);
+        // A lossy codec's phase may move the best match by a sample.
+        ASSERT_NEAR(test::bestLag(expected, decoded, 2200), c.lag, 1);
+        double noise = 0;
+        double energy = 0;
+        for (std::size_t i = std::size_t(std::max(0, -c.lag)); i < expected.size(); ++i) {
+            const auto at = std::ptrdiff_t(i) + c.lag;
+            if (at >= std::ptrdiff_t(decoded.size())) {
+                break;
+            }
+            noise += std::pow(decoded[std::size_t(at)] - expected[i], 2);
+            energy += expected[i] * expected[i];
+        }
+        EXPECT_LT(noise / energy, c.maxNoise);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, AudioFileCodecTest, testing::ValuesIn(kCodecs),
+                         [](const testing::TestParamInfo<CodecCase>& codecCase) {
+                             return std::string(codecCase.param.name);
                          });
 
 class AudioFileDecodingTest : public testing::Test {
@@ -402,6 +571,83 @@ TEST_F(AudioFileDecodingTest, ARateChangeMidStreamIsResampledToTheFirstRate)
     EXPECT_NEAR(toneFrequency(left.subspan(10'000, 60'000), 44100), 440, 2);
     // Copied at the wrong rate the second tone would read as 404 Hz.
     EXPECT_NEAR(toneFrequency(left.subspan(100'000, 60'000), 44100), 440, 2);
+}
+
+/// A DSF file: a tone on each channel at half of full scale as one-bit audio at `bitRate`, made
+/// by a second-order delta-sigma modulator; least significant bit first, in blocks of 4096 bytes
+/// per channel, the last one padded.
+void writeDsf(const std::filesystem::path& file, int bitRate, std::size_t samples,
+              std::array<double, 2> frequencies)
+{
+    constexpr std::size_t kBlock = 4096;
+    const std::size_t blocks = ((samples + 7) / 8 + kBlock - 1) / kBlock;
+    std::string data(blocks * kBlock * 2, '\0');
+    for (std::size_t c = 0; c < 2; ++c) {
+        double first = 0;
+        double second = 0;
+        double feedback = 0;
+        for (std::size_t i = 0; i < samples; ++i) {
+            first += 0.5 * std::sin(2 * std::numbers::pi * frequencies[c] * double(i) / bitRate) -
+                     feedback;
+            second += first - feedback;
+            feedback = second >= 0 ? 1 : -1;
+            if (second >= 0) {
+                const std::size_t byte = i / 8;
+                data[(byte / kBlock * 2 + c) * kBlock + byte % kBlock] |= char(1 << (i % 8));
+            }
+        }
+    }
+    std::string out;
+    const auto put = [&out](std::uint64_t value, int bytes) {
+        for (int b = 0; b < bytes; ++b) {
+            out.push_back(char(value >> (8 * b)));
+        }
+    };
+    out += "DSD ";
+    put(28, 8);
+    put(28 + 52 + 12 + data.size(), 8);
+    put(0, 8);
+    // Version 1, plain DSD, stereo, two channels, the rate, one bit, the length, the block size.
+    out += "fmt ";
+    put(52, 8);
+    put(1, 4);
+    put(0, 4);
+    put(2, 4);
+    put(2, 4);
+    put(std::uint64_t(bitRate), 4);
+    put(1, 4);
+    put(samples, 8);
+    put(kBlock, 4);
+    put(0, 4);
+    out += "data";
+    put(12 + data.size(), 8);
+    out += data;
+    std::ofstream(file, std::ios::binary).write(out.data(), std::streamsize(out.size()));
+}
+
+TEST_F(AudioFileDecodingTest, OneBitAudioIsDecodedAt88200Hz)
+{
+    for (const int bitRate : {2'822'400, 5'644'800}) {
+        SCOPED_TRACE(bitRate);
+        writeDsf(path("tone.dsf"), bitRate, std::size_t(bitRate / 2), {1000, 1500});
+        Error error;
+        const auto file = BRIXExtendedAudioFile::create(path("tone.dsf"), &error);
+        ASSERT_TRUE(file) << error.description();
+        EXPECT_EQ(file->sampleRate(), 88200);
+        EXPECT_EQ(file->sourceFormat().codec, "dsd_lsbf_planar");
+        EXPECT_EQ(file->sourceFormat().bitsPerSample, 1u);
+        // Half a second: the padding of the last block is not audio.
+        EXPECT_EQ(file->frameCount(), 44100);
+        for (std::uint32_t channel = 0; channel < 2; ++channel) {
+            const auto tone = file->channelData(channel).subspan(4410, 35280);
+            EXPECT_NEAR(toneFrequency(tone, 88200), channel == 0 ? 1000 : 1500, 1);
+            double power = 0;
+            for (const float sample : tone) {
+                power += sample * sample;
+            }
+            EXPECT_NEAR(std::sqrt(2 * power / double(tone.size())), 0.5, 0.02);
+        }
+    }
 }
 
 TEST_F(AudioFileDecodingTest, TheSupportedRangeOfRatesAndChannelsIsInclusive)
@@ -559,7 +805,7 @@ TEST_F(BadAudioFileTest, FilesWithoutAudio)
 {
     ASSERT_TRUE(test::run("ffmpeg -y -f lavfi -i testsrc=d=0.5:s=32x32 -c:v mpeg4 " +
                           quoted(path("video.mp4"))));
-    expectBadFile(path("video.mp4"), "no audio");
+    expectBadFile(path("video.mp4"), "unsupported format (mp4 video without audio)");
 
     // A valid WAV header with no frames.
     test::writeWav(path("silent.wav"), Audio{{}, 2, kRate}, 16, false);
@@ -573,7 +819,8 @@ TEST_F(BadAudioFileTest, PlaylistsAndScriptsNamedLikeAudioAreRefused)
     const std::string real = path("real.wav").string();
 
     writeText(path("hls.mp3"), "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:2\n"
-                               "#EXTINF:1.0,\n" + real + "\n#EXT-X-ENDLIST\n");
+                               "#EXTINF:1.0,\n" +
+                                   real + "\n#EXT-X-ENDLIST\n");
     expectBadFile(path("hls.mp3"), "not an audio file");
 
     writeText(path("concat.mp3"), "ffconcat version 1.0\nfile '" + real + "'\n");
@@ -584,6 +831,19 @@ TEST_F(BadAudioFileTest, PlaylistsAndScriptsNamedLikeAudioAreRefused)
 
     writeText(path("list.m4a"), "[playlist]\nFile1=" + real + "\nNumberOfEntries=1\n");
     expectBadFile(path("list.m4a"), "not an audio file");
+
+    writeText(path("dash.mp3"),
+              "<?xml version=\"1.0\"?>\n<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
+              "type=\"static\" mediaPresentationDuration=\"PT1S\" "
+              "profiles=\"urn:mpeg:dash:profile:isoff-on-demand:2011\"><Period><AdaptationSet>"
+              "<Representation id=\"1\" bandwidth=\"1411200\"><BaseURL>" +
+                  real + "</BaseURL></Representation></AdaptationSet></Period></MPD>\n");
+    expectBadFile(path("dash.mp3"), "not an audio file");
+
+    // A session description would have the demuxer listen on the network.
+    writeText(path("session.mp3"), "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=Song\r\n"
+                                   "c=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 5004 RTP/AVP 0\r\n");
+    expectBadFile(path("session.mp3"), "not an audio file");
 }
 
 TEST_F(BadAudioFileTest, UnsupportedFormats)
@@ -600,6 +860,10 @@ TEST_F(BadAudioFileTest, UnsupportedFormats)
     const Audio many = test::makeTestSignal(1000, 12, kRate);
     test::writeWav(path("many.wav"), many, 16, false, 0);
     expectBadFile(path("many.wav"), "unsupported format");
+
+    // Formats FFmpeg knows that are deliberately left out say which they are.
+    expectBadFile(encoded("game.adx", "-c:a adpcm_adx"), "unsupported format (CRI ADX)");
+    expectBadFile(encoded("dfpwm.mka", "-ac 1 -ar 48000 -c:a dfpwm"), "unsupported format (dfpwm)");
 }
 
 TEST_F(BadAudioFileTest, MP4WithoutItsIndexIsIncompleteOrDamaged)

@@ -47,7 +47,8 @@ Audio makeTestSignal(std::size_t frames, int channels, int sampleRate)
             double value = 0.4 * std::sin(phase);
             if (c % 2 == 1) {
                 noise = noise * 1664525u + 1013904223u;
-                value = 0.3 * std::sin(phase * 0.73 + 0.5) + 0.1 * (double(noise >> 8) / 8388608.0 - 1);
+                value =
+                    0.3 * std::sin(phase * 0.73 + 0.5) + 0.1 * (double(noise >> 8) / 8388608.0 - 1);
             }
             audio.samples[i * std::size_t(channels) + std::size_t(c)] = float(value);
         }
@@ -125,16 +126,18 @@ Audio decodeWithFFmpeg(const std::filesystem::path& path, const std::string& ext
 {
     Audio audio;
     int status = 0;
-    const std::string probe = commandOutput(
-        "ffmpeg -v error -i " + quoted(path) + " " + extraArguments +
-            " -f wav -c:a pcm_f32le - 2>/dev/null | ffprobe -v error -show_entries "
-            "stream=sample_rate,channels -of csv=p=0 -",
-        &status);
-    if (status != 0 || std::sscanf(probe.c_str(), "%d,%d", &audio.sampleRate, &audio.channels) != 2) {
+    const std::string probe =
+        commandOutput("ffmpeg -v error -i " + quoted(path) + " " + extraArguments +
+                          " -f wav -c:a pcm_f32le - 2>/dev/null | ffprobe -v error -show_entries "
+                          "stream=sample_rate,channels -of csv=p=0 -",
+                      &status);
+    if (status != 0 ||
+        std::sscanf(probe.c_str(), "%d,%d", &audio.sampleRate, &audio.channels) != 2) {
         return {};
     }
-    const std::string raw = commandOutput(
-        "ffmpeg -v error -i " + quoted(path) + " " + extraArguments + " -f f32le - 2>/dev/null", &status);
+    const std::string raw = commandOutput("ffmpeg -v error -i " + quoted(path) + " " +
+                                              extraArguments + " -f f32le - 2>/dev/null",
+                                          &status);
     if (status != 0) {
         return {};
     }

@@ -75,8 +75,8 @@ TEST(BRIXExtendedAudioFileTest, SeekAcceptsOnlyFramesWithinTheFile)
 TEST(BRIXExtendedAudioFileTest, ReadsAreSampleAccurateAnywhere)
 {
     const std::size_t frames = 10'007;
-    auto file = BRIXExtendedAudioFile::createWithSamples({ramp(frames, 0), ramp(frames, 0.5f)},
-                                                         44100);
+    auto file =
+        BRIXExtendedAudioFile::createWithSamples({ramp(frames, 0), ramp(frames, 0.5f)}, 44100);
     ASSERT_TRUE(file);
     std::mt19937 random(7);
     for (int round = 0; round < 200; ++round) {

@@ -8,8 +8,8 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/channel_layout.h>
 #include <libavutil/avstring.h>
+#include <libavutil/channel_layout.h>
 #include <libavutil/intreadwrite.h>
 #include <libswresample/swresample.h>
 }
@@ -37,15 +37,56 @@ inline constexpr std::string_view kReasonDamaged = "The file is incomplete or da
 inline constexpr std::string_view kReasonTooLarge = "The file is too large to load.";
 inline constexpr std::string_view kReasonCancelled = "Loading the file was cancelled.";
 
-/// The demuxers an audio file may be read with. Playlists, concatenation scripts and anything
-/// that opens further files or network resources stay out.
-constexpr const char* kFormatWhitelist = "mp3,mov,flac,wav,aiff,ogg,aac,matroska,caf";
-/// The decoders of the formats above.
+/// The demuxers a file may be read with: every audio format that holds music, and the common
+/// video containers for their audio track. Playlists, concatenation scripts, image sequences and
+/// anything else that opens further files or network resources stay out.
+constexpr const char* kFormatWhitelist =
+    // Audio files and raw audio streams.
+    "aac,ac3,aea,aiff,amr,amrnb,amrwb,ape,asf,au,avr,caf,dsf,dts,dtshd,eac3,epaf,flac,g722,"
+    "g723_1,g726,g726le,g729,gsm,iff,ilbc,ircam,loas,mlp,mmf,mp3,mpc,mpc8,nistsphere,ogg,oma,"
+    "qcp,shn,sox,spdif,tak,truehd,tta,voc,vqf,w64,wav,wv,xwma,"
+    // Tracker modules and game music, rendered from memory by their libraries.
+    "libgme,libopenmpt,"
+    // Video containers.
+    "avi,dv,flv,matroska,mov,mpeg,mpegts,nut,rm";
+
+/// The decoders of the audio those formats hold.
 constexpr const char* kCodecWhitelist =
-    "mp3float,mp3,mp2float,mp2,aac,aac_fixed,aac_latm,alac,flac,vorbis,libvorbis,opus,libopus,"
-    "pcm_s8,pcm_u8,pcm_s16le,pcm_s16be,pcm_u16le,pcm_u16be,pcm_s24le,pcm_s24be,pcm_u24le,"
-    "pcm_u24be,pcm_s32le,pcm_s32be,pcm_u32le,pcm_u32be,pcm_f32le,pcm_f32be,pcm_f64le,pcm_f64be,"
-    "pcm_alaw,pcm_mulaw,pcm_s64le,pcm_s64be,adpcm_ima_qt,adpcm_ima_wav,adpcm_ms,gsm_ms";
+    // MPEG audio and AAC.
+    "mp1,mp1float,mp2,mp2float,mp3,mp3float,mp3on4,mp3on4float,aac,aac_fixed,aac_latm,als,"
+    // Lossless.
+    "alac,ape,flac,mlp,mpc7,mpc8,ralf,shorten,tak,truehd,tta,wavpack,wmalossless,"
+    // Other perceptual codecs.
+    "ac3,ac3_fixed,eac3,dca,atrac1,atrac3,atrac3al,atrac3plus,atrac3plusal,cook,imc,nellymoser,"
+    "opus,libopus,qdm2,qdmc,sipr,twinvq,vorbis,libvorbis,wmapro,wmav1,wmav2,"
+    // One-bit audio, plain and compressed.
+    "dsd_lsbf,dsd_lsbf_planar,dsd_msbf,dsd_msbf_planar,dst,"
+    // Speech codecs.
+    "amrnb,amrwb,evrc,g722,g723_1,g726,g726le,g729,gsm,gsm_ms,libgsm,libgsm_ms,ilbc,qcelp,"
+    "real_144,real_288,speex,libspeex,truespeech,wmavoice,"
+    // PCM.
+    "pcm_alaw,pcm_mulaw,pcm_s8,pcm_u8,pcm_s16le,pcm_s16be,pcm_u16le,pcm_u16be,pcm_s24le,"
+    "pcm_s24be,pcm_u24le,pcm_u24be,pcm_s32le,pcm_s32be,pcm_u32le,pcm_u32be,pcm_s64le,"
+    "pcm_s64be,pcm_f16le,pcm_f24le,pcm_f32le,pcm_f32be,pcm_f64le,pcm_f64be,pcm_s8_planar,"
+    "pcm_s16le_planar,pcm_s16be_planar,pcm_s24le_planar,pcm_s32le_planar,pcm_s24daud,"
+    "pcm_bluray,pcm_dvd,s302m,dvaudio,8svx_exp,8svx_fib,"
+    // ADPCM and other simple codecs.
+    "adpcm_ct,adpcm_ima_dk3,adpcm_ima_dk4,adpcm_ima_qt,adpcm_ima_wav,adpcm_ms,adpcm_sbpro_2,"
+    "adpcm_sbpro_3,adpcm_sbpro_4,adpcm_swf,adpcm_yamaha,mace3,mace6,sdx2_dpcm";
+
+/// Refused demuxers of files that hold no audio of their own: playlists and other references,
+/// pictures and subtitles (and every "_pipe" picture demuxer).
+constexpr const char* kFormatsWithoutAudio =
+    "concat,dash,ffmetadata,hls,imf,rtp,rtsp,sap,sdp,webm_dash_manifest,"
+    "alias_pix,apng,brender_pix,fits,gif,ico,image2,image2pipe,"
+    "aqtitle,ass,dvbsub,dvbtxt,jacosub,lrc,mcc,microdvd,mpl2,mpsub,pjs,realtext,sami,scc,stl,"
+    "subviewer,subviewer1,sup,tedcaptions,vobsub,vplayer,webvtt,"
+    "adf,bin,idf,tty,xbin";
+
+/// One-bit audio decodes to PCM at an eighth of its bit rate (352.8 kHz and up), with the shaped
+/// noise of the format above the audio band. It is resampled to this rate, which keeps
+/// everything audible at a fraction of the memory.
+constexpr int kOneBitClientRate = 88200;
 
 constexpr int kMinSampleRate = 8000;
 constexpr int kMaxSampleRate = 384000;
@@ -117,6 +158,68 @@ std::string containerName(const AVFormatContext* format)
     return std::string(name.substr(0, name.find(',')));
 }
 
+std::string unsupportedReason(const std::string& what)
+{
+    return format("The audio is in an unsupported format (%s).", what.c_str());
+}
+
+/// Whether a refused demuxer reads files that hold no audio at all.
+bool holdsNoAudio(const AVInputFormat* inputFormat)
+{
+    return std::string_view(inputFormat->name).ends_with("_pipe") ||
+           av_match_list(inputFormat->name, kFormatsWithoutAudio, ',') > 0;
+}
+
+bool isOneBit(AVCodecID codec)
+{
+    return codec == AV_CODEC_ID_DSD_LSBF || codec == AV_CODEC_ID_DSD_MSBF ||
+           codec == AV_CODEC_ID_DSD_LSBF_PLANAR || codec == AV_CODEC_ID_DSD_MSBF_PLANAR ||
+           codec == AV_CODEC_ID_DST;
+}
+
+/// The rate the samples of a codec at `sampleRate` are delivered at.
+int clientRate(AVCodecID codec, int sampleRate)
+{
+    return isOneBit(codec) ? std::min(sampleRate, kOneBitClientRate) : sampleRate;
+}
+
+/// Whether a stream's codec has a decoder on the whitelist.
+bool isDecodable(const AVStream* stream)
+{
+    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    return codec && av_match_list(codec->name, kCodecWhitelist, ',') > 0;
+}
+
+/// FFmpeg's choice among the audio tracks (the default one first, then the one with the most
+/// frames seen); if its codec is refused, the first other audio track that decodes.
+int bestAudioStream(AVFormatContext* format)
+{
+    const int best = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (best < 0 || isDecodable(format->streams[best])) {
+        return best;
+    }
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* stream = format->streams[i];
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && isDecodable(stream)) {
+            return int(i);
+        }
+    }
+    return best;
+}
+
+/// Whether the file holds a moving picture (cover art does not count).
+bool hasVideo(const AVFormatContext* format)
+{
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* stream = format->streams[i];
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
+            !(stream->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Where decoded samples go: one or two growing planes in the client format.
 class SampleSink {
 public:
@@ -152,7 +255,10 @@ public:
     }
 
     std::size_t frames() const noexcept { return mFrames; }
-    float* writePointer(int channel) noexcept { return mBuffers[std::size_t(channel)].data() + mFrames; }
+    float* writePointer(int channel) noexcept
+    {
+        return mBuffers[std::size_t(channel)].data() + mFrames;
+    }
     void commit(std::size_t frames) noexcept { mFrames += frames; }
     void truncate(std::size_t frames) noexcept { mFrames = std::min(mFrames, frames); }
 
@@ -248,10 +354,9 @@ private:
     Status configure(const AVFrame* frame, SampleSink& sink, std::size_t chunkFrames)
     {
         const int channels = frame->ch_layout.nb_channels;
-        const InputKey key{frame->format, frame->sample_rate, channels,
-                           frame->ch_layout.order == AV_CHANNEL_ORDER_NATIVE
-                               ? frame->ch_layout.u.mask
-                               : 0};
+        const InputKey key{
+            frame->format, frame->sample_rate, channels,
+            frame->ch_layout.order == AV_CHANNEL_ORDER_NATIVE ? frame->ch_layout.u.mask : 0};
         if (mResampler && key == mKey) {
             return Status::ok;
         }
@@ -272,9 +377,9 @@ private:
         av_channel_layout_default(&outLayout, mOutChannels);
 
         SwrContext* context = nullptr;
-        const int status = swr_alloc_set_opts2(&context, &outLayout, AV_SAMPLE_FMT_FLTP, mOutRate,
-                                               &inLayout, AVSampleFormat(frame->format),
-                                               frame->sample_rate, 0, nullptr);
+        const int status =
+            swr_alloc_set_opts2(&context, &outLayout, AV_SAMPLE_FMT_FLTP, mOutRate, &inLayout,
+                                AVSampleFormat(frame->format), frame->sample_rate, 0, nullptr);
         av_channel_layout_uninit(&inLayout);
         av_channel_layout_uninit(&outLayout);
         mResampler.reset(context);
@@ -362,17 +467,19 @@ private:
         mIO.reset(io);
 
         const AVInputFormat* inputFormat = nullptr;
-        const int probed = av_probe_input_buffer2(mIO.get(), &inputFormat, url.c_str(), nullptr,
-                                                  0, 0);
+        const int probed =
+            av_probe_input_buffer2(mIO.get(), &inputFormat, url.c_str(), nullptr, 0, 0);
         if (probed < 0 || !inputFormat) {
             return Failure{std::string(kReasonNotAudio)};
         }
         // A guess from the file name alone (or little more) is no evidence that this is audio.
         mWeakProbe = probed <= AVPROBE_SCORE_EXTENSION / 2;
         if (av_match_list(inputFormat->name, kFormatWhitelist, ',') <= 0) {
-            return Failure{format("%s (%s)", std::string(kReasonNotAudio).c_str(),
-                                  inputFormat->long_name ? inputFormat->long_name
-                                                         : inputFormat->name)};
+            if (mWeakProbe || holdsNoAudio(inputFormat)) {
+                return Failure{std::string(kReasonNotAudio)};
+            }
+            return Failure{unsupportedReason(inputFormat->long_name ? inputFormat->long_name
+                                                                    : inputFormat->name)};
         }
 
         AVFormatContext* context = avformat_alloc_context();
@@ -396,17 +503,24 @@ private:
     std::optional<Failure> openDecoder()
     {
         AVFormatContext* format = mFormat.get();
-        int index = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        int index = bestAudioStream(format);
         const bool complete = index >= 0 && streamParametersComplete(format->streams[index]);
         if (index < 0 || !complete) {
-            // Some containers only learn their streams' parameters from the first packets.
+            // Some containers only learn their streams (or their parameters) from the first
+            // packets.
             if (avformat_find_stream_info(format, nullptr) < 0) {
                 return Failure{std::string(kReasonDamaged)};
             }
-            index = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+            index = bestAudioStream(format);
         }
         if (index < 0) {
-            return Failure{std::string(mWeakProbe ? kReasonNotAudio : kReasonNoAudio)};
+            if (mWeakProbe) {
+                return Failure{std::string(kReasonNotAudio)};
+            }
+            if (hasVideo(format)) {
+                return Failure{unsupportedReason(containerName(format) + " video without audio")};
+            }
+            return Failure{std::string(kReasonNoAudio)};
         }
         mStream = format->streams[index];
         for (unsigned i = 0; i < format->nb_streams; ++i) {
@@ -425,16 +539,20 @@ private:
                                  : parameters->bits_per_coded_sample;
             mSourceFormat.bitsPerSample = std::uint32_t(std::max(bits, 0));
         }
+        if (isOneBit(parameters->codec_id)) {
+            mSourceFormat.bitsPerSample = 1;
+        }
 
-        if (auto failure = checkParameters(parameters->sample_rate,
-                                           parameters->ch_layout.nb_channels)) {
+        if (auto failure =
+                checkParameters(clientRate(parameters->codec_id, parameters->sample_rate),
+                                parameters->ch_layout.nb_channels)) {
             return failure;
         }
 
-        const AVCodec* codec = avcodec_find_decoder(parameters->codec_id);
-        if (!codec || av_match_list(codec->name, kCodecWhitelist, ',') <= 0) {
+        if (!isDecodable(mStream)) {
             return Failure{unsupportedReason(avcodec_get_name(parameters->codec_id))};
         }
+        const AVCodec* codec = avcodec_find_decoder(parameters->codec_id);
         AVCodecContext* context = avcodec_alloc_context3(codec);
         if (!context) {
             return Failure{std::string(kReasonTooLarge)};
@@ -463,16 +581,11 @@ private:
                parameters->ch_layout.nb_channels > 0;
     }
 
-    static std::string unsupportedReason(const std::string& what)
-    {
-        return format("The audio is in an unsupported format (%s).", what.c_str());
-    }
-
     /// Zero means not known yet; known values must lie in the supported range.
     static std::optional<Failure> checkParameters(int sampleRate, int channels)
     {
-        const bool badRate = sampleRate != 0 &&
-                             (sampleRate < kMinSampleRate || sampleRate > kMaxSampleRate);
+        const bool badRate =
+            sampleRate != 0 && (sampleRate < kMinSampleRate || sampleRate > kMaxSampleRate);
         const bool badChannels = channels < 0 || channels > kMaxChannels;
         if (badRate || badChannels) {
             return Failure{unsupportedReason(
@@ -510,10 +623,11 @@ private:
         if (channels <= 0 || frame->sample_rate <= 0) {
             return Failure{std::string(kReasonDamaged)};
         }
-        if (auto failure = checkParameters(frame->sample_rate, channels)) {
+        const int rate = clientRate(mStream->codecpar->codec_id, frame->sample_rate);
+        if (auto failure = checkParameters(rate, channels)) {
             return failure;
         }
-        mRate = frame->sample_rate;
+        mRate = rate;
         if (mSourceFormat.channels == 0) {
             mSourceFormat.channels = std::uint32_t(channels);
         }
@@ -522,12 +636,12 @@ private:
         std::size_t estimate = estimatedFrames(mRate);
         if (estimate == 0 && packetBytes > 0) {
             // Constant bit rate guess from the first packet's size.
-            estimate = std::size_t(std::min(
-                double(mFileSize) / packetBytes * frame->nb_samples, double(kMaxInitialReserveFrames)));
+            estimate = std::size_t(std::min(double(mFileSize) / packetBytes * frame->nb_samples,
+                                            double(kMaxInitialReserveFrames)));
         }
         // A little headroom over the estimate; untouched pages cost nothing and go at the end.
-        const std::size_t reserve = estimate > 0 ? estimate + estimate / 50 + std::size_t(mRate)
-                                                 : std::size_t(mRate) * 60;
+        const std::size_t reserve =
+            estimate > 0 ? estimate + estimate / 50 + std::size_t(mRate) : std::size_t(mRate) * 60;
         mChunkFrames = std::size_t(mRate) * 30;
         mConverter.start(mRate, outChannels);
         // Huge pages over most of the estimate; near its end ordinary pages, so a huge page the
@@ -768,9 +882,24 @@ private:
 
 } // namespace
 
-std::unique_ptr<BRIXExtendedAudioFile> AudioFileDecoder::open(
-    const std::filesystem::path& path, Error* outError,
-    BRIXExtendedAudioFile::ProgressCallback progress)
+const char* AudioFileDecoder::acceptedFormats() noexcept
+{
+    return kFormatWhitelist;
+}
+
+const char* AudioFileDecoder::acceptedCodecs() noexcept
+{
+    return kCodecWhitelist;
+}
+
+const char* AudioFileDecoder::formatsWithoutAudio() noexcept
+{
+    return kFormatsWithoutAudio;
+}
+
+std::unique_ptr<BRIXExtendedAudioFile>
+AudioFileDecoder::open(const std::filesystem::path& path, Error* outError,
+                       BRIXExtendedAudioFile::ProgressCallback progress)
 {
     silenceLibraryLogging();
 
@@ -806,8 +935,8 @@ std::unique_ptr<BRIXExtendedAudioFile> AudioFileDecoder::open(
     }
 
     if (failure->log) {
-        VELL_LOG_ERROR(format("Could not open the audio file %s: %s", path.c_str(),
-                              failure->reason.c_str()));
+        VELL_LOG_ERROR(
+            format("Could not open the audio file %s: %s", path.c_str(), failure->reason.c_str()));
     }
     assignError(outError, makeUserError(kBadAudioFile, failure->reason));
     return nullptr;
