@@ -12,7 +12,8 @@ namespace vell {
 std::size_t VellDrainMainQueue();
 
 /// Drains the main queue until predicate answers true or timeout passes, sleeping while
-/// nothing is due; answers the predicate's last value.
+/// nothing is due; the predicate is also asked every few milliseconds, so it may watch state
+/// that changes without a task. Answers the predicate's last value.
 bool VellRunMainQueueUntil(const std::function<bool()>& predicate,
                            std::chrono::milliseconds timeout);
 

@@ -5,6 +5,8 @@
 #include "platform/MainQueue.h"
 #include "platform/device/BRIXAudioHardware.h"
 
+#include <algorithm>
+
 namespace vell {
 
 std::size_t VellDrainMainQueue()
@@ -15,8 +17,24 @@ std::size_t VellDrainMainQueue()
 bool VellRunMainQueueUntil(const std::function<bool()>& predicate,
                            std::chrono::milliseconds timeout)
 {
+    // The predicate may watch state that changes without a task (the frame being heard), so
+    // it is asked again at least every few milliseconds.
+    constexpr auto kPoll = std::chrono::milliseconds(5);
     MainQueue& queue = MainQueue::main();
-    return queue.runUntil(predicate, queue.now() + timeout);
+    const auto deadline = queue.now() + timeout;
+    for (;;) {
+        queue.drain();
+        if (predicate()) {
+            return true;
+        }
+        const auto now = queue.now();
+        if (now >= deadline) {
+            return false;
+        }
+        if (queue.runUntil(predicate, std::min(deadline, now + kPoll))) {
+            return true;
+        }
+    }
 }
 
 std::vector<std::string> VellOutputDeviceNames()

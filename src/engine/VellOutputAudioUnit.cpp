@@ -347,18 +347,21 @@ Frame VellOutputAudioUnit::currentTrackedReadFrame() const noexcept
 
 void VellOutputAudioUnit::setCurrentTrackedReadFrame(Frame frame)
 {
+    mPublishedReadFrame.store(frame);
+    // The serial moves before the stretcher is reset: the render thread skips scheduling from
+    // the moment it sees the seek until it sees the stretcher restart, which then takes the
+    // serial as applied.
+    const std::uint64_t serial = mSeekSerial.fetch_add(1) + 1;
     DiracReset(true, mDirac);
     if (!isRunning() && !mExportingAudio.load()) {
         // Nothing renders: restart the bookkeeping here so the first cycle schedules from the
-        // new frame; the stretcher's restart at that cycle confirms it.
+        // new frame.
         mTrackerReverse = mReverse.load();
         mTracker.reset(toReading(frame, mTrackerReverse));
         mConsumeCarry = 0;
         mScheduledThrough = kFrameNotFound;
+        mAppliedSeekSerial = serial;
     }
-    mPublishedReadFrame.store(frame);
-    mSeekFrame.store(frame);
-    mSeekSerial.fetch_add(1);
 }
 
 // ---- Transport ----------------------------------------------------------------------------------

@@ -318,9 +318,8 @@ private:
     std::unique_ptr<VellPlaybackEntry[]> mPlaybackEntries;
     std::unique_ptr<VellPlaybackEntry[]> mActiveEntries;
 
-    // Seeks: the main thread stores the frame, then bumps the serial after resetting the
-    // stretcher; the render thread restarts the tracker at the stretcher's restart.
-    std::atomic<Frame> mSeekFrame{0};
+    // Seeks: the main thread bumps the serial, then resets the stretcher; the render thread
+    // restarts the tracker at the stretcher's restart and takes the serial as applied there.
     std::atomic<std::uint64_t> mSeekSerial{0};
     /// The frame being heard as the render thread last computed it, or the sought frame
     /// until a seek has been applied.

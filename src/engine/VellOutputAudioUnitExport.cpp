@@ -196,6 +196,7 @@ AudioUnit VellOutputAudioUnit::beginOfflineRendering(double outputSampleRate, UI
     mConsumeCarry = 0;
     mScheduledThrough = kFrameNotFound;
     mSeenRestarts = DiracGetRestartCount(mDirac);
+    mAppliedSeekSerial = mSeekSerial.load();
     mPublishedReadFrame.store(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue));
     return outputUnit;
 }

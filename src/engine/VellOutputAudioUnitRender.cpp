@@ -56,8 +56,11 @@ VELL_RT double VellOutputAudioUnit::currentRate() const noexcept
 
 VELL_RT void VellOutputAudioUnit::scheduleEvents(UInt32 frames) noexcept
 {
-    if (mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared()) {
-        return; // nothing fed yet: no position to schedule from
+    if (mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared() ||
+        mSeekSerial.load() != mAppliedSeekSerial) {
+        // Nothing fed yet, or a seek the stretcher has not restarted at: the position is not
+        // known until the music of this cycle is pulled.
+        return;
     }
     const FileRangeMapping mapping = FileRangeMapping::withRate(currentRate());
     // The music is delayed by the isolation engine; a sampler that delays its own events is
@@ -281,7 +284,9 @@ VELL_RT void VellOutputAudioUnit::consumeOutputFrames(UInt32 frames, double rate
     mConsumeCarry = wanted - double(whole);
     const Frame reading = mTracker.consumeFrames(whole);
     const auto heard = reading - Frame(rate * double(TessalyGetLatency(mIsolator)));
-    if (!mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared()) {
+    // Until a seek is applied the sought frame stays published.
+    if (!mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared() &&
+        mSeekSerial.load() == mAppliedSeekSerial) {
         mPublishedReadFrame.store(toReading(heard, mTrackerReverse));
     }
     if (mDone.load() && !mEndOfStreamNotified && heard >= mEndOfStreamFrame) {

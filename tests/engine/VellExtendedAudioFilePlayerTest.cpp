@@ -445,5 +445,32 @@ TEST(VellExtendedAudioFilePlayer, PlaysToTheEndOnTheNullDeviceAndTellsItsDelegat
     player->stopFilePlaying();
 }
 
+TEST(VellExtendedAudioFilePlayer, SeeksWhilePlayingOnTheDeviceThread)
+{
+    ScopedDefaults defaults(206, 300);
+    ASSERT_TRUE(VellSelectOutputDevice("null"));
+    auto player = makePlayer(makeClickFile(kRate, Frame(20 * kRate), {}));
+    ASSERT_TRUE(player);
+    player->setPlaybackSpeed(1.5);
+    ASSERT_TRUE(player->startFilePlaying());
+    std::mt19937 random(3);
+    std::uniform_int_distribution<Frame> frames(0, Frame(15 * kRate));
+    for (int i = 0; i < 12; ++i) {
+        const Frame target = frames(random);
+        player->setCurrentFrame(target);
+        // The display holds the sought frame until it is heard, then moves on from it.
+        EXPECT_EQ(player->currentFrame(), target);
+        if (i % 3 == 2) {
+            player->setPlaybackSpeed(i % 2 ? 0.5 : 1.5);
+        }
+        const Frame ahead = target + Frame(0.05 * kRate);
+        EXPECT_TRUE(VellRunMainQueueUntil([&] { return player->currentFrame() >= ahead; },
+                                          std::chrono::seconds(5)))
+            << "seek " << i << " to " << target;
+        EXPECT_LT(player->currentFrame(), target + Frame(2 * kRate));
+    }
+    player->stopFilePlaying();
+}
+
 } // namespace
 } // namespace vell::test
