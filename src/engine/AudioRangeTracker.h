@@ -24,8 +24,9 @@ template <class F> struct Range {
 /// The file spans fed to the stretcher, oldest first, in a ring of slots, consumed as the
 /// output that carries them is produced. The stretcher keeps at most three pulled blocks
 /// waiting to be heard; a pull that crosses a loop's wrap is recorded as one span per side of
-/// the wrap, so the ring has room for loops down to an eighth of a block. The read frame is the file frame now at the output's
-/// head; after a loop wrap it jumps back exactly when the wrapped audio is consumed.
+/// the wrap, so the ring has room for loops down to an eighth of a block. The read frame is the
+/// file frame now at the output's head; after a loop wrap it jumps back exactly when the wrapped
+/// audio is consumed.
 ///
 /// A plain value type: no allocation, no locks, no calls out. The owner keeps it on one thread
 /// at a time (the render thread while playing).

@@ -74,8 +74,7 @@ VellExtendedAudioFilePlayer::create(std::shared_ptr<BRIXExtendedAudioFile> audio
 
 VellExtendedAudioFilePlayer::VellExtendedAudioFilePlayer(
     std::shared_ptr<BRIXExtendedAudioFile> audioFile)
-    : mAudioFile(std::move(audioFile)),
-      mSelf(std::make_shared<VellExtendedAudioFilePlayer*>(this))
+    : mAudioFile(std::move(audioFile)), mSelf(std::make_shared<VellExtendedAudioFilePlayer*>(this))
 {
 }
 
@@ -88,8 +87,8 @@ bool VellExtendedAudioFilePlayer::setUp(Error* outError)
         assignError(outError, exception.error());
         return false;
     } catch (const std::exception& exception) {
-        assignError(outError, makeUserError("The audio engine could not be started.",
-                                            exception.what()));
+        assignError(outError,
+                    makeUserError("The audio engine could not be started.", exception.what()));
         return false;
     }
     mProgressRelay = std::make_unique<detail::VellPlayerProgressRelay>(mSelf);
@@ -217,8 +216,8 @@ Frame VellExtendedAudioFilePlayer::currentFrame()
         return std::max<Frame>(mCurrentFrame, 0);
     }
     // Past the end of the file the engine plays out silence; the frame stops at the end.
-    const Frame f = std::min(mOutputAudioUnit->currentTrackedReadFrame() - mOutputLatencyFrames,
-                             totalFrames());
+    const Frame f =
+        std::min(mOutputAudioUnit->currentTrackedReadFrame() - mOutputLatencyFrames, totalFrames());
     mCurrentFrame = f;
     // Until the heard frame passes the start frame the display holds on it, which hides the
     // engine's latency at a start and after a seek. Backwards, passing means going below it.
@@ -536,8 +535,8 @@ bool VellExtendedAudioFilePlayer::beginOfflineRendering(std::uint32_t maximumFra
     mFileReader->setWaitsForData(readerWaits);
     mFileReader->start();
     try {
-        mOfflineOutputUnit = mOutputAudioUnit->beginOfflineRendering(
-            mAudioFile->sampleRate(), maximumFrames);
+        mOfflineOutputUnit =
+            mOutputAudioUnit->beginOfflineRendering(mAudioFile->sampleRate(), maximumFrames);
     } catch (const NSXException& exception) {
         mOutputAudioUnit->endOfflineRendering();
         mFileReader->stop();

@@ -61,9 +61,9 @@ bool VellSelectOutputDevice(std::string_view name, Error* outError)
     BRIXAudioHardware& hardware = BRIXAudioHardware::shared();
     const auto device = hardware.deviceNamed(std::string(name));
     if (!device) {
-        assignError(outError, makeUserError("The output device was not found.",
-                                            "No output device is named \"" + std::string(name) +
-                                                "\"."));
+        assignError(outError,
+                    makeUserError("The output device was not found.",
+                                  "No output device is named \"" + std::string(name) + "\"."));
         return false;
     }
     hardware.setDefaultOutputDeviceOverride(*device);

@@ -16,8 +16,7 @@ namespace vell {
 namespace {
 
 constexpr AudioComponentDescription kMixerDescription{
-    kAudioUnitType_Mixer, kAudioUnitSubType_MultiChannelMixer, kAudioUnitManufacturer_System, 0,
-    0};
+    kAudioUnitType_Mixer, kAudioUnitSubType_MultiChannelMixer, kAudioUnitManufacturer_System, 0, 0};
 constexpr AudioComponentDescription kOutputDescription{
     kAudioUnitType_Output, kAudioUnitSubType_DefaultOutput, kAudioUnitManufacturer_System, 0, 0};
 constexpr AudioComponentDescription kSamplerDescription{
@@ -48,8 +47,8 @@ VellOutputAudioUnit::VellOutputAudioUnit(const AudioStreamBasicDescription& stre
         observeNoteEntryChanges();
 
         const auto rate = std::uint32_t(std::lround(mStreamDescription.mSampleRate));
-        mIsolator = TessalyCreate(rate, mStreamDescription.mChannelsPerFrame,
-                                  kIsolationMaximumFrames);
+        mIsolator =
+            TessalyCreate(rate, mStreamDescription.mChannelsPerFrame, kIsolationMaximumFrames);
         VELL_CHECK_THROW(mIsolator);
         TessalySetBypass(mIsolator, true);
         mSpectrumData =
@@ -146,8 +145,8 @@ void VellOutputAudioUnit::setupAUGraph()
     const AURenderCallbackStruct fxCallback{OAUFXProc, this};
     VELL_CHECK_THROW(
         AUGraphSetNodeInputCallback(mGraph, mMixerNode, kMusicPlaybackMixerChannel, &fxCallback));
-    VELL_CHECK_THROW(AUGraphConnectNodeInput(mGraph, mMetronomeNode, 0, mMixerNode,
-                                             kMetronomeMixerChannel));
+    VELL_CHECK_THROW(
+        AUGraphConnectNodeInput(mGraph, mMetronomeNode, 0, mMixerNode, kMetronomeMixerChannel));
     VELL_CHECK_THROW(AUGraphConnectNodeInput(mGraph, mNoteEntryPlaybackNode, 0, mMixerNode,
                                              kNoteEntryPlaybackMixerChannel));
     VELL_CHECK_THROW(AUGraphConnectNodeInput(mGraph, mMixerNode, 0, mOutputNode, 0));
@@ -188,8 +187,8 @@ void VellOutputAudioUnit::observeStorage()
         return;
     }
     // The connections die with the unit (teardown disconnects them), so they may hold it raw.
-    for (VellEntryKind kind : {VellEntryKind::note, VellEntryKind::beat,
-                               VellEntryKind::timeSignature}) {
+    for (VellEntryKind kind :
+         {VellEntryKind::note, VellEntryKind::beat, VellEntryKind::timeSignature}) {
         mStorageConnections.push_back(mNoteEntryStorage->signalForKind(kind).connect(
             [this](const VellNoteEntryStorageChange&) { refreshNoteEntryPlaybackStorage(); }));
     }
@@ -241,8 +240,8 @@ void VellOutputAudioUnit::setEndOfStreamNotificationBlock(std::function<void()> 
 void VellOutputAudioUnit::setPlaybackLevel(float level)
 {
     VELL_CHECK_THROW(AudioUnitSetParameter(mMixerUnit, kMultiChannelMixerParam_Volume,
-                                           kAudioUnitScope_Input, kMusicPlaybackMixerChannel,
-                                           level, 0));
+                                           kAudioUnitScope_Input, kMusicPlaybackMixerChannel, level,
+                                           0));
 }
 
 void VellOutputAudioUnit::setMetronomePlaybackLevel(float inLevel)
@@ -301,8 +300,8 @@ double VellOutputAudioUnit::pitchFactorFor(long long semitones, double cents) no
 
 void VellOutputAudioUnit::setTranspositionInterval(long long semitones)
 {
-    semitones = std::clamp(semitones, -kMaximumTranspositionSemitones,
-                           kMaximumTranspositionSemitones);
+    semitones =
+        std::clamp(semitones, -kMaximumTranspositionSemitones, kMaximumTranspositionSemitones);
     if (semitones == _transpositionInterval.load()) {
         return;
     }
@@ -416,8 +415,7 @@ bool VellOutputAudioUnit::isRunning()
     return running != 0;
 }
 
-OSStatus VellOutputAudioUnit::loadPresetWithURL(const std::filesystem::path& url,
-                                                AudioUnit sampler)
+OSStatus VellOutputAudioUnit::loadPresetWithURL(const std::filesystem::path& url, AudioUnit sampler)
 {
     const std::string path = url.string();
     AUSamplerInstrumentData data;
@@ -426,8 +424,8 @@ OSStatus VellOutputAudioUnit::loadPresetWithURL(const std::filesystem::path& url
     data.bankMSB = kAUSampler_DefaultMelodicBankMSB;
     data.bankLSB = kAUSampler_DefaultBankLSB;
     data.presetID = 0;
-    return AudioUnitSetProperty(sampler, kAUSamplerProperty_LoadInstrument,
-                                kAudioUnitScope_Global, 0, &data, sizeof(data));
+    return AudioUnitSetProperty(sampler, kAUSamplerProperty_LoadInstrument, kAudioUnitScope_Global,
+                                0, &data, sizeof(data));
 }
 
 void VellOutputAudioUnit::refreshSamplerLead()

@@ -250,10 +250,10 @@ private:
     void prepareToRender();
 
     VELL_RT void scheduleEvents(UInt32 frames) noexcept;
-    VELL_RT void scheduleNoteEntries(FileRange range, const FileRangeMapping& mapping,
-                                     bool reverse, Frame rangeStart) noexcept;
-    VELL_RT void scheduleBeatEntries(FileRange range, const FileRangeMapping& mapping,
-                                     bool reverse, Frame rangeStart) noexcept;
+    VELL_RT void scheduleNoteEntries(FileRange range, const FileRangeMapping& mapping, bool reverse,
+                                     Frame rangeStart) noexcept;
+    VELL_RT void scheduleBeatEntries(FileRange range, const FileRangeMapping& mapping, bool reverse,
+                                     Frame rangeStart) noexcept;
     VELL_RT OSStatus renderMusic(AudioUnitRenderActionFlags* ioActionFlags, UInt32 frames,
                                  AudioBufferList* ioData) noexcept;
     VELL_RT long pullFileFrames(float** channelData, long frames) noexcept;

@@ -161,10 +161,9 @@ void VellOutputAudioUnit::adjustMaximumFramesForOutputUnit(AudioUnit outputUnit)
     VELL_CHECK_THROW(AudioUnitSetProperty(mMetronomeUnit, kAudioUnitProperty_MaximumFramesPerSlice,
                                           kAudioUnitScope_Global, 0, &maxFrames,
                                           sizeof(maxFrames)));
-    VELL_CHECK_THROW(AudioUnitSetProperty(mNoteEntryPlaybackUnit,
-                                          kAudioUnitProperty_MaximumFramesPerSlice,
-                                          kAudioUnitScope_Global, 0, &maxFrames,
-                                          sizeof(maxFrames)));
+    VELL_CHECK_THROW(
+        AudioUnitSetProperty(mNoteEntryPlaybackUnit, kAudioUnitProperty_MaximumFramesPerSlice,
+                             kAudioUnitScope_Global, 0, &maxFrames, sizeof(maxFrames)));
 }
 
 // ---- Offline rendering --------------------------------------------------------------------------
@@ -272,8 +271,8 @@ bool VellOutputAudioUnit::writeSamples(std::uint32_t frames, const std::filesyst
     size = sizeof(clientFormat);
     VELL_CHECK_THROW(AudioUnitGetProperty(outputUnit, kAudioUnitProperty_StreamFormat,
                                           kAudioUnitScope_Output, 0, &clientFormat, &size));
-    VELL_CHECK_THROW(ExtAudioFileSetProperty(outfile, kExtAudioFileProperty_ClientDataFormat,
-                                             size, &clientFormat));
+    VELL_CHECK_THROW(ExtAudioFileSetProperty(outfile, kExtAudioFileProperty_ClientDataFormat, size,
+                                             &clientFormat));
 
     if (!mCancelExport.load()) {
         const UInt32 channels = clientFormat.mChannelsPerFrame;

@@ -111,18 +111,19 @@ VELL_RT std::uint64_t queryReading(StorageQuery query, VellNoteEntryPlaybackStor
 } // namespace
 
 VELL_RT void VellOutputAudioUnit::scheduleNoteEntries(FileRange range,
-                                                      const FileRangeMapping& mapping,
-                                                      bool reverse, Frame rangeStart) noexcept
+                                                      const FileRangeMapping& mapping, bool reverse,
+                                                      Frame rangeStart) noexcept
 {
     VellPlaybackEntry* entries = mPlaybackEntries.get();
     VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
     const auto transposition = float(_transpositionInterval.load());
     // Backwards a note starts at its end and stops at its start.
-    const StorageQuery onQuery = reverse ? VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange
-                                         : VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange;
-    const StorageQuery offQuery =
-        reverse ? VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange
-                : VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange;
+    const StorageQuery onQuery = reverse
+                                     ? VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange
+                                     : VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange;
+    const StorageQuery offQuery = reverse
+                                      ? VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange
+                                      : VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange;
     const auto onFrame = [reverse](const VellPlaybackEntry& e) {
         return reverse ? -(e.startFrame + e.duration) : e.startFrame;
     };
@@ -151,24 +152,23 @@ VELL_RT void VellOutputAudioUnit::scheduleNoteEntries(FileRange range,
     for (std::uint64_t i = 0; i < count; ++i) {
         const VellPlaybackEntry& entry = entries[i];
         std::uint32_t instance = 0;
-        VellNoteEntryPlaybackStoragePopInstanceForId(entry.eventId, &instance,
-                                                     mActiveEntries.get(), std::int32_t(kPlaybackEntryCapacity));
+        VellNoteEntryPlaybackStoragePopInstanceForId(entry.eventId, &instance, mActiveEntries.get(),
+                                                     std::int32_t(kPlaybackEntryCapacity));
         const auto offset = std::max(mapping.sampleOffset(offFrame(entry), rangeStart), 0);
         MusicDeviceStopNote(mNoteEntryPlaybackUnit, entry.group, instance, UInt32(offset));
     }
 }
 
 VELL_RT void VellOutputAudioUnit::scheduleBeatEntries(FileRange range,
-                                                      const FileRangeMapping& mapping,
-                                                      bool reverse, Frame rangeStart) noexcept
+                                                      const FileRangeMapping& mapping, bool reverse,
+                                                      Frame rangeStart) noexcept
 {
     VellPlaybackEntry* entries = mPlaybackEntries.get();
     VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
     // A click sounds at its beat in either direction; backwards its note-off comes a beat's
     // duration after it in reading order.
-    std::uint64_t count =
-        queryReading(VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange, storage, range,
-                     reverse, 0, entries, kPlaybackEntryCapacity);
+    std::uint64_t count = queryReading(VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange,
+                                       storage, range, reverse, 0, entries, kPlaybackEntryCapacity);
     for (std::uint64_t i = 0; i < count; ++i) {
         const VellPlaybackEntry& entry = entries[i];
         NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
@@ -180,15 +180,16 @@ VELL_RT void VellOutputAudioUnit::scheduleBeatEntries(FileRange range,
         mBeatsStarted.fetch_add(1);
     }
 
-    const StorageQuery offQuery = reverse ? VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange
-                                          : VellNoteEntryPlaybackStorageGetBeatEntriesEndingInRange;
-    count = queryReading(offQuery, storage, range, reverse,
-                         reverse ? kVellBeatEntryPlaybackDuration : 0, entries,
-                         kPlaybackEntryCapacity);
+    const StorageQuery offQuery = reverse
+                                      ? VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange
+                                      : VellNoteEntryPlaybackStorageGetBeatEntriesEndingInRange;
+    count =
+        queryReading(offQuery, storage, range, reverse,
+                     reverse ? kVellBeatEntryPlaybackDuration : 0, entries, kPlaybackEntryCapacity);
     for (std::uint64_t i = 0; i < count; ++i) {
         const VellPlaybackEntry& entry = entries[i];
-        const Frame off = reverse ? -entry.startFrame + entry.duration
-                                  : entry.startFrame + entry.duration;
+        const Frame off =
+            reverse ? -entry.startFrame + entry.duration : entry.startFrame + entry.duration;
         const auto offset = std::max(mapping.sampleOffset(off, rangeStart), 0);
         MusicDeviceStopNote(mMetronomeUnit, entry.group,
                             NoteInstanceID(std::uint64_t(entry.eventId)), UInt32(offset));
@@ -229,8 +230,8 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
         // scheduled where they fall; the music starts at the output frame where it arrives.
         const double rate = currentRate();
         const bool reverse = mReverse.load();
-        const Frame target = toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue),
-                                       reverse);
+        const Frame target =
+            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), reverse);
         const Frame start = mPrerollSampleStart.load();
         const double exact = double(target - start) / rate - mConsumeCarry;
         const auto silent = UInt32(std::clamp<double>(std::ceil(exact), 0.0, double(frames)));
@@ -346,8 +347,7 @@ VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frame
             pointers[c] = channelData[c] + pulled;
         }
         auto copied = std::uint32_t(piece);
-        BRIXAudioBufferQueueCopyIntoChannels(mAudioBufferQueue, pointers.data(), channels,
-                                             &copied);
+        BRIXAudioBufferQueueCopyIntoChannels(mAudioBufferQueue, pointers.data(), channels, &copied);
         if (BRIXAudioBufferQueueReachedEndOfStream(mAudioBufferQueue)) {
             // Whatever is still asked for is silence past the end; the bookkeeping stops at
             // the end so that the read frame never runs past it.

@@ -13,9 +13,8 @@
 namespace vell::test {
 
 /// A stereo file of silence with a click (a unit impulse at level) at each frame of clicks.
-inline std::shared_ptr<BRIXExtendedAudioFile> makeClickFile(double sampleRate, Frame frames,
-                                                            const std::vector<Frame>& clicks,
-                                                            float level = 0.9f)
+inline std::shared_ptr<BRIXExtendedAudioFile>
+makeClickFile(double sampleRate, Frame frames, const std::vector<Frame>& clicks, float level = 0.9f)
 {
     std::vector<float> left(std::size_t(frames), 0.0f);
     for (Frame click : clicks) {

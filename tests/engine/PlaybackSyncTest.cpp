@@ -199,7 +199,7 @@ TEST(PlaybackSyncDrift, FiveMinutesAtSeventyThreePercentDoNotDrift)
 {
     SyncCase c = make("drift", 0.73);
     c.seconds = 221; // five minutes of output
-    c.lambda = 200; // the low-CPU level: the bookkeeping is the same at every level
+    c.lambda = 200;  // the low-CPU level: the bookkeeping is the same at every level
     c.quality = 300;
     const std::vector<double> offsets = measureOffsets(c);
     ASSERT_GE(offsets.size(), 400u);

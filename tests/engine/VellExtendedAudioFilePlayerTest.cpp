@@ -436,8 +436,8 @@ TEST(VellExtendedAudioFilePlayer, PlaysToTheEndOnTheNullDeviceAndTellsItsDelegat
     ASSERT_TRUE(player->startFilePlaying(&error)) << error.description();
     EXPECT_TRUE(player->isPlaying());
     // The end is reported once it is heard, and the player stops its output there.
-    EXPECT_TRUE(VellRunMainQueueUntil([&] { return recorder->ends > 0; },
-                                      std::chrono::seconds(10)));
+    EXPECT_TRUE(
+        VellRunMainQueueUntil([&] { return recorder->ends > 0; }, std::chrono::seconds(10)));
     EXPECT_FALSE(player->isPlaying());
     EXPECT_EQ(player->currentFrame(), player->totalFrames());
     VellDrainMainQueue();
