@@ -14,7 +14,8 @@ configure:
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-# Installs dependencies, builds, and runs the main job on the built-in demo song.
+# Installs dependencies, builds, and runs the main job on the built-in demo song: writes it, reads
+# it back, draws its spectra, exports it at half speed and plays it where a sound device answers.
 demo: deps build
 	scripts/run-demo $(BUILD_DIR)
 

@@ -2,6 +2,8 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
+# The command line of the vell tool (header-only).
+find_package(CLI11 2.1 REQUIRED)
 
 pkg_check_modules(SIGCXX REQUIRED IMPORTED_TARGET sigc++-3.0)
 pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libswresample libavutil)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # vell demo --write: a 30-second stereo WAV at 44.1 kHz whose lead is only in the left channel,
-# and a practice document that parses and describes it; bad usage gives exit status 2.
+# and a practice document that parses and describes it; vell demo -o: the song at half speed
+# with clicks and notes; vell demo: played; bad usage gives exit status 2.
 set -euo pipefail
 : "${VELL:?path of the vell tool}"
 [ -x /usr/bin/python3 ] || { echo "skipped: /usr/bin/python3 missing"; exit 77; }
@@ -86,14 +87,42 @@ PY
 cmp -s "$dir/out/demo.wav" "$dir/again/demo.wav" || fail "the audio is not deterministic"
 cmp -s "$dir/out/demo.json" "$dir/again/demo.json" || fail "the document is not deterministic"
 
-# Usage: nothing to do is a one-line usage error; a file in the way is a failure.
-set +e
-"$VELL" demo 2>"$dir/err"
-status=$?
-set -e
-[ "$status" = 2 ] || fail "vell demo without --write: exit $status, expected 2"
-[ "$(wc -l <"$dir/err")" = 1 ] || fail "vell demo without --write: not one line: $(cat "$dir/err")"
-grep -q -- "--write" "$dir/err" || fail "the usage error does not say what is available"
+# Exported at half speed with the metronome and the lead's notes: the same as exporting the
+# written song with its notes, plus a click on every beat (1.25 s apart at half of 96 BPM).
+"$VELL" demo -o "$dir/half.wav" >"$dir/stdout" || fail "demo -o failed"
+grep -qF "wrote $dir/half.wav: 62.0 s, 0.5x" "$dir/stdout" || fail "demo -o: $(cat "$dir/stdout")"
+"$VELL" export "$dir/out/demo.wav" --doc "$dir/out/demo.json" --notes --speed 0.5 --to 5 \
+    -o "$dir/notes.wav" >/dev/null || fail "export with notes"
+/usr/bin/python3 - "$dir/half.wav" "$dir/notes.wav" <<'PY' || fail "demo -o: length or clicks"
+import sys, wave
+import numpy as np
+def load(path):
+    with wave.open(path) as w:
+        assert w.getframerate() == 44100 and w.getnchannels() == 2
+        return np.frombuffer(w.readframes(w.getnframes()), dtype='<i2').reshape(-1, 2) / 32768.0
+demo, notes = load(sys.argv[1]), load(sys.argv[2])
+assert 61.9 < len(demo) / 44100 < 62.2, len(demo) / 44100
+n = 10 * 44100
+clicks = np.abs(demo[:n] - notes[:n]).max(axis=1)
+peak = lambda t, w: clicks[max(0, int(t * 44100)):int((t + w) * 44100)].max()
+on_beats = np.median([peak(1.25 * k - 0.01, 0.08) for k in range(8)])
+between = np.median([peak(1.25 * k + 0.4, 0.5) for k in range(8)])
+assert on_beats > 0.1 and on_beats > 2.5 * between, (on_beats, between)
+PY
+
+# Played on the null device for a moment.
+"$VELL" demo --device null --for 0.5 </dev/null >"$dir/stdout" || fail "demo --device null"
+grep -qx "played 0:00.[56]" "$dir/stdout" || fail "demo play: $(cat "$dir/stdout")"
+
+# Usage: writing, exporting and playing exclude each other; a file in the way is a failure.
+for args in "--write $dir/w -o $dir/w.wav" "--write $dir/w --for 1" "-o $dir/w.wav --device null"; do
+    status=0
+    "$VELL" demo $args >/dev/null 2>"$dir/err" || status=$?
+    [ "$status" = 2 ] || fail "vell demo $args: exit $status, expected 2"
+done
+status=0
+"$VELL" demo -o "$dir/demo.mp3" 2>"$dir/err" || status=$?
+[ "$status" = 1 ] && [ ! -e "$dir/demo.mp3" ] || fail "vell demo -o demo.mp3: exit $status"
 touch "$dir/file"
 set +e
 "$VELL" demo --write "$dir/file" 2>"$dir/err"

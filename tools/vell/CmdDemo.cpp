@@ -1,5 +1,9 @@
-// vell demo: the built-in demo song and its practice document.
+// vell demo: the built-in demo song and its practice document: write, export or play them.
 #include "Command.h"
+#include "Export.h"
+#include "Options.h"
+#include "Playback.h"
+#include "PreparedSong.h"
 
 #include <VellAudio/VellDemoSong.h>
 
@@ -9,31 +13,18 @@
 namespace vell::tool {
 namespace {
 
-constexpr const char* kAvailable = "use --write DIR to write demo.wav and demo.json";
+struct DemoArguments {
+    std::optional<std::string> directory; // --write
+    std::optional<std::string> out;       // -o
+    OutputOptions output;
+};
 
-int runDemo(const Arguments& args)
+int writeDemo(const VellDemoSong& song, const std::filesystem::path& dir)
 {
-    args.rejectUnknown({});
-    if (!args.positional().empty()) {
-        throw UsageError("unexpected argument \"" + args.positional().front() + "\"");
-    }
-    if (args.value("-o")) {
-        std::fprintf(stderr, "vell demo: exporting with -o is not available yet; %s\n", kAvailable);
-        return kExitUsage;
-    }
-    const auto directory = args.value("--write");
-    if (!directory) {
-        std::fprintf(stderr, "vell demo: nothing to do (playing is not available yet); %s\n",
-                     kAvailable);
-        return kExitUsage;
-    }
-
-    const VellDemoSong song = VellDemoSong::make();
     Error error;
-    if (!song.writeToDirectory(*directory, &error)) {
+    if (!song.writeToDirectory(dir, &error)) {
         return fail(error.localizedDescription());
     }
-    const std::filesystem::path dir(*directory);
     std::printf(
         "wrote %s and %s: %.1f s, %.0f Hz stereo, 4/4 at %.0f BPM in A minor, lead on the left\n",
         (dir / VellDemoSong::kAudioFileName).c_str(),
@@ -43,12 +34,66 @@ int runDemo(const Arguments& args)
     return kExitSuccess;
 }
 
+/// The demo at half speed with the metronome and the lead's notes: what it is there to show.
+PreparedSong prepareDemo(const VellDemoSong& song)
+{
+    PlaybackOptions options;
+    options.speed = 0.5;
+    options.metronome = true;
+    options.notes = true;
+    std::shared_ptr<BRIXExtendedAudioFile> file =
+        BRIXExtendedAudioFile::createWithSamples({song.left(), song.right()}, song.sampleRate());
+    if (!file) {
+        throw Failure("the demo song could not be made");
+    }
+    return prepareSong("demo", std::move(file), song.document().noteEntryStorage(), options);
+}
+
+int runDemo(const DemoArguments& args)
+{
+    if (args.out) {
+        checkExportPath(*args.out);
+    } else if (!args.directory) {
+        chooseOutputDevice(args.output.device);
+    }
+    const VellDemoSong song = VellDemoSong::make();
+    if (args.directory) {
+        return writeDemo(song, *args.directory);
+    }
+    PreparedSong demo = prepareDemo(song);
+    if (args.out) {
+        exportSong(demo, *args.out, std::nullopt);
+    } else {
+        playSong(demo, args.output, false);
+    }
+    return kExitSuccess;
+}
+
+CommandRunner defineDemo(CLI::App& command)
+{
+    auto args = std::make_shared<DemoArguments>();
+    auto text = [](std::string_view value) { return std::string(value); };
+    CLI::Option* write = addParsedOption<std::string>(
+        command, "--write", args->directory, text,
+        "write the song (demo.wav) and its practice document (demo.json) into DIR");
+    write->type_name("DIR");
+    CLI::Option* out = addParsedOption<std::string>(
+        command, "-o", args->out, text,
+        "render it at half speed with the metronome and the lead's notes to OUT (.wav, .aif, "
+        ".m4a)");
+    out->type_name("OUT")->excludes(write);
+    addOutputOptions(command, args->output);
+    for (CLI::Option* playOnly : {command.get_option("--for"), command.get_option("--device")}) {
+        playOnly->excludes(write)->excludes(out);
+    }
+    return [args] { return runDemo(*args); };
+}
+
 } // namespace
 
-VELL_COMMAND({"demo",
-              "vell demo --write DIR",
-              "write the built-in demo song and its practice document",
-              {"--write", "-o"},
-              runDemo});
+VELL_COMMAND({"demo", "vell demo [--write DIR | -o OUT] [--for S] [--device NAME|null]",
+              "the built-in demo song: write it with its document, export it, or play it at half "
+              "speed with the metronome and the lead's notes",
+              defineDemo});
 
 } // namespace vell::tool

@@ -1,5 +1,6 @@
 // vell info: what an audio file is and what it decodes to.
 #include "Command.h"
+#include "Options.h"
 
 #include <VellAudio/BRIXExtendedAudioFile.h>
 
@@ -28,26 +29,22 @@ std::string clockTime(double seconds)
     return text;
 }
 
-int runInfo(const Arguments& args)
-{
-    args.rejectUnknown({"--json"});
-    const std::string& path = args.requirePositional(0, "FILE");
-    if (args.positional().size() > 1) {
-        throw UsageError("one FILE only");
-    }
+struct InfoArguments {
+    std::string path;
+    bool json = false;
+};
 
+int runInfo(const InfoArguments& args)
+{
+    const std::string& path = args.path;
     Error error;
     const auto file = BRIXExtendedAudioFile::create(path, &error);
     if (!file) {
-        std::string message = path + ": " + error.localizedDescription();
-        if (const auto reason = error.localizedFailureReason()) {
-            message += ": " + *reason;
-        }
-        return fail(message);
+        return failWith(path, error);
     }
 
     const auto& source = file->sourceFormat();
-    if (args.flag("--json")) {
+    if (args.json) {
         nlohmann::json info = {
             {"path", path},
             {"container", source.container},
@@ -76,15 +73,22 @@ int runInfo(const Arguments& args)
         std::printf("Bit rate:    %lld kbit/s\n", static_cast<long long>(source.bitRate / 1000));
     }
     std::printf("Frames:      %lld\n", file->frameCount());
-    std::printf("Duration:    %.3f s (%s)\n", file->duration(), clockTime(file->duration()).c_str());
+    std::printf("Duration:    %.3f s (%s)\n", file->duration(),
+                clockTime(file->duration()).c_str());
     return kExitSuccess;
+}
+
+CommandRunner defineInfo(CLI::App& command)
+{
+    auto args = std::make_shared<InfoArguments>();
+    command.add_option("FILE", args->path, "the audio file")->required();
+    command.add_flag("--json", args->json, "print JSON");
+    return [args] { return runInfo(*args); };
 }
 
 } // namespace
 
 VELL_COMMAND({"info", "vell info FILE [--json]",
-              "format, sample rate, channels, frames and duration of an audio file",
-              {},
-              runInfo});
+              "format, sample rate, channels, frames and duration of an audio file", defineInfo});
 
 } // namespace vell::tool

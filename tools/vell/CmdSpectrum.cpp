@@ -1,6 +1,7 @@
 // vell spectrum: draws the spectrum of a file at a moment, after optional isolation.
 #include "Command.h"
 #include "Options.h"
+#include "PreparedSong.h"
 
 #include <VellAudio/BRIXExtendedAudioFile.h>
 #include <VellAudio/TessalyCore.h>
@@ -18,24 +19,6 @@ namespace {
 struct TessalyDeleter {
     void operator()(TessalyInstance* instance) const { TessalyDestroy(instance); }
 };
-
-void applyIsolation(TessalyInstance* engine, const IsolationOption& option)
-{
-    TessalySetBypass(engine, false);
-    if (option.pan) {
-        TessalySetPan(engine, static_cast<float>(*option.pan));
-    }
-    if (option.width) {
-        TessalySetPanWidth(engine, static_cast<float>(*option.width));
-    }
-    if (option.lowHz) {
-        TessalySetStartFrequencyHz(engine, static_cast<float>(*option.lowHz));
-    }
-    if (option.highHz) {
-        TessalySetEndFrequencyHz(engine, static_cast<float>(*option.highHz));
-    }
-    TessalySetMute(engine, option.mute);
-}
 
 /// Runs the file through the engine so that its newest analysis covers the audio at frame.
 void analyseAround(TessalyInstance* engine, const BRIXExtendedAudioFile& file, Frame frame)
@@ -62,47 +45,35 @@ void analyseAround(TessalyInstance* engine, const BRIXExtendedAudioFile& file, F
     }
 }
 
-int runSpectrum(const Arguments& args)
+struct SpectrumArguments {
+    std::string path;
+    std::optional<double> at;
+    std::string out;
+    SpectrumImageOptions image;
+    std::optional<ImageSize> size;
+    std::optional<IsolationOption> isolation;
+};
+
+int runSpectrum(SpectrumArguments& args)
 {
-    args.rejectUnknown({"--stereo"});
-    const std::string& path = args.requirePositional(0, "FILE");
-    const auto at = args.time("--at");
-    if (!at) {
-        throw UsageError("missing --at TIME");
+    const std::string& path = args.path;
+    const double at = *args.at;
+    SpectrumImageOptions& options = args.image;
+    if (args.size) {
+        options.width = args.size->width;
+        options.height = args.size->height;
     }
-    const auto out = args.value("-o");
-    if (!out) {
-        throw UsageError("missing -o OUT.png|OUT.svg");
-    }
-    if (!isSpectrumImagePath(*out)) {
-        throw UsageError("-o must name a .png or .svg picture, not \"" + *out + "\"");
-    }
-    SpectrumImageOptions options;
-    options.stereo = args.flag("--stereo");
-    if (const auto pan = args.number("--pan")) {
-        if (*pan < 0 || *pan > 1) {
-            throw UsageError("--pan must be between 0 (left) and 1 (right)");
-        }
-        options.pan = *pan;
-    }
-    if (const auto size = args.value("--size")) {
-        const ImageSize parsed = parseSize(*size);
-        options.width = parsed.width;
-        options.height = parsed.height;
-    }
-    const auto isolation = args.value("--isolate");
-    const bool isolate = isolation.has_value();
-    const IsolationOption isolationOption = isolate ? parseIsolation(*isolation) : IsolationOption{};
+    const bool isolate = args.isolation.has_value();
 
     Error error;
     const auto file = BRIXExtendedAudioFile::create(path, &error);
     if (!file) {
         return failWith(path, error);
     }
-    const auto frame = static_cast<Frame>(std::llround(*at * file->sampleRate()));
+    const auto frame = static_cast<Frame>(std::llround(at * file->sampleRate()));
     if (frame >= file->frameCount()) {
         char message[128];
-        std::snprintf(message, sizeof message, ": --at %.3f s lies past the end (%.3f s)", *at,
+        std::snprintf(message, sizeof message, ": --at %.3f s lies past the end (%.3f s)", at,
                       file->duration());
         return fail(path + message);
     }
@@ -113,7 +84,7 @@ int runSpectrum(const Arguments& args)
         return fail(path + ": cannot analyse audio at this sample rate");
     }
     if (isolate) {
-        applyIsolation(engine.get(), isolationOption);
+        applyIsolation(engine.get(), *args.isolation);
     }
     analyseAround(engine.get(), *file, frame);
 
@@ -125,12 +96,38 @@ int runSpectrum(const Arguments& args)
     const std::string name = std::filesystem::path(path).filename().string();
     char caption[512];
     std::snprintf(caption, sizeof caption, "%s at %d:%06.3f%s", name.c_str(),
-                  static_cast<int>(*at / 60), std::fmod(*at, 60.0), isolate ? " (isolated)" : "");
+                  static_cast<int>(at / 60), std::fmod(at, 60.0), isolate ? " (isolated)" : "");
     options.caption = caption;
-    if (!writeSpectrumImage(data, *out, options, &error)) {
-        return failWith(*out, error);
+    if (!writeSpectrumImage(data, args.out, options, &error)) {
+        return failWith(args.out, error);
     }
     return kExitSuccess;
+}
+
+CommandRunner defineSpectrum(CLI::App& command)
+{
+    auto args = std::make_shared<SpectrumArguments>();
+    command.add_option("FILE", args->path, "the audio file")->required();
+    addTimeOption(command, "--at", args->at, "the moment to analyse")->required();
+    command.add_option("-o", args->out, "the picture to write")
+        ->type_name("OUT.png|OUT.svg")
+        ->required()
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                return isSpectrumImagePath(text)
+                           ? std::string()
+                           : "must name a .png or .svg picture, not \"" + text + "\"";
+            },
+            ""));
+    command.add_flag("--stereo", args->image.stereo, "draw the left and right channels apart");
+    command.add_option("--pan", args->image.pan, "the stereo position to draw, 0 left to 1 right")
+        ->type_name("P")
+        ->check(CLI::Range(0.0, 1.0).description(""));
+    addParsedOption<ImageSize>(command, "--size", args->size, parseSize,
+                               "the picture's size in pixels (default 1200x400)")
+        ->type_name("WxH");
+    addIsolationOption(command, args->isolation);
+    return [args] { return runSpectrum(*args); };
 }
 
 } // namespace
@@ -138,8 +135,6 @@ int runSpectrum(const Arguments& args)
 VELL_COMMAND({"spectrum",
               "vell spectrum FILE --at T -o OUT.png|OUT.svg [--stereo] [--pan P] [--size WxH] "
               "[--isolate pan=P,width=W,low=HZ,high=HZ[,mute]]",
-              "draw the spectrum at a moment",
-              {"--at", "-o", "--pan", "--size", "--isolate"},
-              runSpectrum});
+              "draw the spectrum at a moment, after isolation if asked", defineSpectrum});
 
 } // namespace vell::tool

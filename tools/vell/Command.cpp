@@ -1,150 +1,16 @@
-// Command registry and command-line parsing shared by the vell commands.
+// The command registry and the command line of vell, on CLI11.
 #include "Command.h"
 
+#include <VellAudio/Version.h>
+
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
-#include <cerrno>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
+#include <exception>
+#include <memory>
 
 namespace vell::tool {
-
-Arguments::Arguments(std::vector<std::string> args, std::vector<std::string> valueOptions)
-    : mValueOptions(std::move(valueOptions))
-{
-    auto takesValue = [&](const std::string& name) {
-        return std::find(mValueOptions.begin(), mValueOptions.end(), name) != mValueOptions.end();
-    };
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        const bool isOption = arg.size() > 1 && arg[0] == '-' &&
-                              !parseNumber(arg).has_value(); // "-3" is a value, not an option
-        if (!isOption) {
-            mPositional.push_back(arg);
-            continue;
-        }
-        std::string name = arg;
-        std::optional<std::string> value;
-        if (const auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-            name = arg.substr(0, eq);
-            value = arg.substr(eq + 1);
-        } else if (takesValue(name)) {
-            if (i + 1 >= args.size()) {
-                throw UsageError("option " + name + " needs a value");
-            }
-            value = args[++i];
-        }
-        mOptions.push_back({name, value});
-    }
-}
-
-const std::string& Arguments::requirePositional(std::size_t index, std::string_view what) const
-{
-    if (index >= mPositional.size()) {
-        throw UsageError("missing " + std::string(what));
-    }
-    return mPositional[index];
-}
-
-bool Arguments::flag(std::string_view name) const
-{
-    return std::any_of(mOptions.begin(), mOptions.end(),
-                       [&](const Option& o) { return o.name == name; });
-}
-
-std::optional<std::string> Arguments::value(std::string_view name) const
-{
-    std::optional<std::string> found;
-    for (const auto& option : mOptions) {
-        if (option.name == name) {
-            found = option.value;
-        }
-    }
-    return found;
-}
-
-std::vector<std::string> Arguments::values(std::string_view name) const
-{
-    std::vector<std::string> found;
-    for (const auto& option : mOptions) {
-        if (option.name == name && option.value) {
-            found.push_back(*option.value);
-        }
-    }
-    return found;
-}
-
-std::optional<double> Arguments::number(std::string_view name) const
-{
-    const auto text = value(name);
-    if (!text) {
-        return std::nullopt;
-    }
-    const auto parsed = parseNumber(*text);
-    if (!parsed) {
-        throw UsageError("option " + std::string(name) + " needs a number, not \"" + *text + "\"");
-    }
-    return parsed;
-}
-
-std::optional<double> Arguments::time(std::string_view name) const
-{
-    const auto text = value(name);
-    if (!text) {
-        return std::nullopt;
-    }
-    const auto parsed = parseTime(*text);
-    if (!parsed) {
-        throw UsageError("option " + std::string(name) + " needs a time (12.5 or 1:02.5), not \"" +
-                         *text + "\"");
-    }
-    return parsed;
-}
-
-void Arguments::rejectUnknown(const std::vector<std::string>& knownFlags) const
-{
-    for (const auto& option : mOptions) {
-        const bool known =
-            std::find(knownFlags.begin(), knownFlags.end(), option.name) != knownFlags.end() ||
-            std::find(mValueOptions.begin(), mValueOptions.end(), option.name) !=
-                mValueOptions.end();
-        if (!known) {
-            throw UsageError("unknown option " + option.name);
-        }
-    }
-}
-
-std::optional<double> parseNumber(std::string_view text)
-{
-    if (text.empty() || text.size() > 64) {
-        return std::nullopt;
-    }
-    const std::string copy(text);
-    char* end = nullptr;
-    errno = 0;
-    const double value = std::strtod(copy.c_str(), &end);
-    if (errno != 0 || end != copy.c_str() + copy.size() || !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-std::optional<double> parseTime(std::string_view text)
-{
-    const auto colon = text.find(':');
-    if (colon == std::string_view::npos) {
-        const auto seconds = parseNumber(text);
-        return seconds && *seconds >= 0 ? seconds : std::nullopt;
-    }
-    const auto minutes = parseNumber(text.substr(0, colon));
-    const auto seconds = parseNumber(text.substr(colon + 1));
-    if (!minutes || !seconds || *minutes < 0 || *minutes != std::floor(*minutes) || *seconds < 0 ||
-        *seconds >= 60 || text.substr(colon + 1).find(':') != std::string_view::npos) {
-        return std::nullopt;
-    }
-    return *minutes * 60.0 + *seconds;
-}
-
 namespace {
 
 std::vector<Command>& registry()
@@ -153,11 +19,74 @@ std::vector<Command>& registry()
     return all;
 }
 
+const Command* commandNamed(std::string_view name)
+{
+    for (const Command& command : commands()) {
+        if (name == command.name) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+/// Every command's usage line and summary, for `vell --help` and a missing or unknown command.
+std::string overview()
+{
+    std::string text = "vell ";
+    text += versionString();
+    text += ": play, loop, slow down and analyse recordings\n\nusage:\n";
+    for (const Command& command : commands()) {
+        text += std::string("  ") + command.usage + "\n      " + command.summary + "\n";
+    }
+    text += "\ntimes: seconds (12.5) or m:ss(.frac)\n"
+            "exit status: 0 success, 1 bad input or failure, 2 usage\n"
+            "vell COMMAND --help lists a command's options\n";
+    return text;
+}
+
+/// The overview for the whole tool; each command's help opens with its own usage line.
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_help(const CLI::App* app, std::string name,
+                          CLI::AppFormatMode mode) const override
+    {
+        return app->get_parent() ? CLI::Formatter::make_help(app, std::move(name), mode)
+                                 : overview();
+    }
+
+    /// Only the value's name: ranges and relations between options are in the descriptions.
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        const std::string& type = option->get_type_name();
+        return type.empty() || option->get_positional() ? std::string() : " " + type;
+    }
+
+    std::string make_usage(const CLI::App* app, std::string name) const override
+    {
+        const Command* command = commandNamed(app->get_name());
+        return command ? std::string("usage: ") + command->usage + "\n"
+                       : CLI::Formatter::make_usage(app, std::move(name));
+    }
+};
+
+int usageError(const Command* command, std::string_view message)
+{
+    if (!command) {
+        std::fprintf(stderr, "vell: %.*s\n\n%s", static_cast<int>(message.size()), message.data(),
+                     overview().c_str());
+        return kExitUsage;
+    }
+    std::fprintf(stderr, "vell %s: %.*s\nusage: %s\nrun \"vell %s --help\" for every option\n",
+                 command->name, static_cast<int>(message.size()), message.data(), command->usage,
+                 command->name);
+    return kExitUsage;
+}
+
 } // namespace
 
 bool registerCommand(Command command)
 {
-    registry().push_back(std::move(command));
+    registry().push_back(command);
     std::sort(registry().begin(), registry().end(),
               [](const Command& a, const Command& b) { return std::string_view(a.name) < b.name; });
     return true;
@@ -168,10 +97,76 @@ const std::vector<Command>& commands()
     return registry();
 }
 
-int fail(std::string_view message)
+int runCommandLine(int argc, const char* const* argv)
 {
-    std::fprintf(stderr, "vell: %.*s\n", static_cast<int>(message.size()), message.data());
-    return kExitFailure;
+    if (argc < 2) {
+        std::fputs(overview().c_str(), stderr);
+        return kExitUsage;
+    }
+    const std::string_view first = argv[1];
+    if (first == "help") {
+        std::fputs(overview().c_str(), stdout);
+        return kExitSuccess;
+    }
+    if (!first.starts_with('-') && !commandNamed(first)) {
+        return usageError(nullptr, "unknown command \"" + std::string(first) + "\"");
+    }
+
+    CLI::App app("", "vell");
+    auto formatter = std::make_shared<HelpFormatter>();
+    formatter->column_width(34);
+    app.formatter(formatter);
+    app.set_help_flag("-h,--help", "show this help");
+    app.require_subcommand(0, 1);
+    // As with most tools, an option given twice takes its last value.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    bool version = false;
+    app.add_flag("--version", version, "print the version");
+
+    struct Entry {
+        const Command* command;
+        CLI::App* app;
+        CommandRunner run;
+    };
+    std::vector<Entry> entries;
+    for (const Command& command : commands()) {
+        CLI::App* sub = app.add_subcommand(command.name, command.summary);
+        entries.push_back({&command, sub, command.define(*sub)});
+    }
+    auto selected = [&]() -> const Entry* {
+        for (const Entry& entry : entries) {
+            if (entry.app->parsed()) {
+                return &entry;
+            }
+        }
+        return nullptr;
+    };
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            std::fputs(app.help().c_str(), stdout); // --help, of the command if one was named
+            return kExitSuccess;
+        }
+        const Entry* entry = selected();
+        return usageError(entry ? entry->command : nullptr, error.what());
+    }
+    if (version) {
+        std::printf("vell %s\n", versionString());
+        return kExitSuccess;
+    }
+    const Entry* entry = selected();
+    if (!entry) {
+        return usageError(nullptr, "no command given");
+    }
+    try {
+        return entry->run();
+    } catch (const UsageError& error) {
+        return usageError(entry->command, error.what());
+    } catch (const std::exception& error) {
+        return fail(error.what());
+    }
 }
 
 } // namespace vell::tool

@@ -1,11 +1,15 @@
-// The vell tool's commands: each file registers one with VELL_COMMAND and parses its own options.
+// The vell tool's commands: each Cmd*.cpp registers one CLI11 subcommand with VELL_COMMAND.
 #pragma once
 
-#include <optional>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace vell::tool {
 
@@ -14,62 +18,40 @@ inline constexpr int kExitSuccess = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 
-/// Thrown for a malformed command line; main prints the message and the command's usage.
+/// A malformed command line found after parsing (a check across options); main prints the
+/// message and the command's usage and exits with kExitUsage.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// The command line after the command name: options ("--name value", "--flag", "-o value")
-/// and positional arguments, in order. Each command declares which options take values.
-class Arguments {
+/// Bad input or a failure while running; main prints "vell: MESSAGE" and exits with
+/// kExitFailure.
+class Failure : public std::runtime_error {
 public:
-    Arguments(std::vector<std::string> args, std::vector<std::string> valueOptions);
-
-    /// The positional arguments.
-    const std::vector<std::string>& positional() const { return mPositional; }
-    /// The positional argument at index, or a UsageError naming `what`.
-    const std::string& requirePositional(std::size_t index, std::string_view what) const;
-
-    bool flag(std::string_view name) const;
-    /// The last value given for an option.
-    std::optional<std::string> value(std::string_view name) const;
-    /// Every value given for a repeatable option, in order.
-    std::vector<std::string> values(std::string_view name) const;
-
-    std::optional<double> number(std::string_view name) const;
-    /// A time in seconds ("12.5") or minutes and seconds ("1:02.25").
-    std::optional<double> time(std::string_view name) const;
-
-    /// Fails with a UsageError if an option outside `known` (flags and value options) was given.
-    void rejectUnknown(const std::vector<std::string>& knownFlags) const;
-
-private:
-    struct Option {
-        std::string name;
-        std::optional<std::string> value;
-    };
-    std::vector<Option> mOptions;
-    std::vector<std::string> mPositional;
-    std::vector<std::string> mValueOptions;
+    using std::runtime_error::runtime_error;
 };
 
-/// Parses "12.5", "1:02" or "1:02.25" as seconds; nothing for anything else.
-std::optional<double> parseTime(std::string_view text);
-/// Parses a whole string as a finite number.
-std::optional<double> parseNumber(std::string_view text);
+/// Runs a command once its command line has been parsed; returns the exit status.
+using CommandRunner = std::function<int()>;
 
 struct Command {
     const char* name;
     const char* usage;   // "vell info FILE [--json]"
     const char* summary; // one line for the help text
-    std::vector<std::string> valueOptions;
-    int (*run)(const Arguments& args);
+    /// Declares the command's arguments and options on its subcommand and returns the runner,
+    /// which reads the values the parser stored.
+    CommandRunner (*define)(CLI::App& command);
 };
 
 /// Registers a command; used through VELL_COMMAND at namespace scope.
 bool registerCommand(Command command);
+/// The registered commands in name order.
 const std::vector<Command>& commands();
+
+/// Parses the command line into the registered commands and runs the one named, turning
+/// usage errors and failures into their messages and exit statuses.
+int runCommandLine(int argc, const char* const* argv);
 
 /// Prints "vell: message" on stderr and returns kExitFailure.
 int fail(std::string_view message);
@@ -78,7 +60,7 @@ int fail(std::string_view message);
 
 #define VELL_COMMAND_CONCAT2(a, b) a##b
 #define VELL_COMMAND_CONCAT(a, b) VELL_COMMAND_CONCAT2(a, b)
-/// VELL_COMMAND({"name", "usage", "summary", {value options}, run});
+/// VELL_COMMAND({"name", "usage", "summary", define});
 #define VELL_COMMAND(...)                                                                          \
     static const bool VELL_COMMAND_CONCAT(gRegistered, __LINE__) =                                 \
         ::vell::tool::registerCommand(::vell::tool::Command __VA_ARGS__)

@@ -1,9 +1,43 @@
-// Option values shared by several vell commands.
+// Option values shared by several vell commands, and helpers that declare them on CLI11.
 #include "Options.h"
 
-#include "Command.h"
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
 
 namespace vell::tool {
+
+std::optional<double> parseNumber(std::string_view text)
+{
+    if (text.empty() || text.size() > 64) {
+        return std::nullopt;
+    }
+    const std::string copy(text);
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(copy.c_str(), &end);
+    if (errno != 0 || end != copy.c_str() + copy.size() || !std::isfinite(value)) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::optional<double> parseTime(std::string_view text)
+{
+    const auto colon = text.find(':');
+    if (colon == std::string_view::npos) {
+        const auto seconds = parseNumber(text);
+        return seconds && *seconds >= 0 ? seconds : std::nullopt;
+    }
+    const auto minutes = parseNumber(text.substr(0, colon));
+    const auto seconds = parseNumber(text.substr(colon + 1));
+    if (!minutes || !seconds || *minutes < 0 || *minutes != std::floor(*minutes) || *seconds < 0 ||
+        *seconds >= 60 || text.substr(colon + 1).find(':') != std::string_view::npos) {
+        return std::nullopt;
+    }
+    return *minutes * 60.0 + *seconds;
+}
 
 IsolationOption parseIsolation(std::string_view text)
 {
@@ -21,8 +55,8 @@ IsolationOption parseIsolation(std::string_view text)
         }
         const auto eq = part.find('=');
         const std::string key(part.substr(0, eq));
-        const auto value = eq == std::string_view::npos ? std::nullopt
-                                                        : parseNumber(part.substr(eq + 1));
+        const auto value =
+            eq == std::string_view::npos ? std::nullopt : parseNumber(part.substr(eq + 1));
         auto bad = [&](const char* why) {
             return UsageError("--isolate: \"" + std::string(part) + "\" " + why);
         };
@@ -66,14 +100,68 @@ ImageSize parseSize(std::string_view text)
     return {int(*w), int(*h)};
 }
 
-int failWith(std::string_view context, const Error& error)
+CLI::Option* addTimeOption(CLI::App& app, const std::string& name, std::optional<double>& target,
+                           const std::string& description)
+{
+    return addParsedOption<double>(
+               app, name, target,
+               [name](std::string_view text) {
+                   const auto seconds = parseTime(text);
+                   if (!seconds) {
+                       throw UsageError(name + " needs a time (12.5 or 1:02.5), not \"" +
+                                        std::string(text) + "\"");
+                   }
+                   return *seconds;
+               },
+               description)
+        ->type_name("T");
+}
+
+CLI::Option* addIsolationOption(CLI::App& app, std::optional<IsolationOption>& target)
+{
+    return addParsedOption<IsolationOption>(
+               app, "--isolate", target, parseIsolation,
+               "keep (or with mute remove) the part of the stereo field around pan (0 left, "
+               "1 right) that is width wide (0...1), within low...high Hz")
+        ->type_name("pan=P,width=W,low=HZ,high=HZ[,mute]");
+}
+
+CLI::Validator wholeNumberIn(long long low, long long high)
+{
+    return CLI::Validator(
+        [low, high](std::string& text) -> std::string {
+            const auto value = parseNumber(text);
+            if (!value || *value != std::floor(*value)) {
+                return "needs a whole number, not \"" + text + "\"";
+            }
+            if (*value < double(low) || *value > double(high)) {
+                return "must be from " + std::to_string(low) + " to " + std::to_string(high) +
+                       ", not " + text;
+            }
+            return {};
+        },
+        "");
+}
+
+std::string describe(std::string_view context, const Error& error)
 {
     std::string message(context);
     message += (message.empty() ? "" : ": ") + error.localizedDescription();
     if (const auto reason = error.localizedFailureReason()) {
         message += ": " + *reason;
     }
-    return fail(message);
+    return message;
+}
+
+int fail(std::string_view message)
+{
+    std::fprintf(stderr, "vell: %.*s\n", static_cast<int>(message.size()), message.data());
+    return kExitFailure;
+}
+
+int failWith(std::string_view context, const Error& error)
+{
+    return fail(describe(context, error));
 }
 
 } // namespace vell::tool

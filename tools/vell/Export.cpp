@@ -1,0 +1,136 @@
+// Rendering a prepared song to a file, with a progress bar on a terminal.
+#include "Export.h"
+
+#include "Terminal.h"
+
+#include <VellAudio/VellMainQueue.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+#include <unistd.h>
+
+namespace vell::tool {
+namespace {
+
+/// Draws the export's progress from the player's reports (which arrive on the main queue).
+class ExportProgress : public VellExtendedAudioFilePlayerDelegate {
+public:
+    ExportProgress(bool visible, std::string label) : mVisible(visible), mLabel(std::move(label)) {}
+
+    void audioFilePlayerDidUpdateExportProgress(VellExtendedAudioFilePlayer& /*player*/,
+                                                double progress) override
+    {
+        show(progress);
+    }
+
+    /// Ends the bar, full when the export completed.
+    void finish(bool completed)
+    {
+        if (completed) {
+            show(1.0);
+        }
+        mLine.finish();
+    }
+
+private:
+    void show(double progress)
+    {
+        const int percent = static_cast<int>(std::clamp(progress, 0.0, 1.0) * 100);
+        if (!mVisible || percent == mPercent) {
+            return;
+        }
+        mPercent = percent;
+        constexpr int kWidth = 30;
+        const int filled = percent * kWidth / 100;
+        mLine.show("exporting " + mLabel + " [" + std::string(std::size_t(filled), '#') +
+                   std::string(std::size_t(kWidth - filled), '-') + "] " + std::to_string(percent) +
+                   "%");
+    }
+
+    bool mVisible;
+    std::string mLabel;
+    int mPercent = -1;
+    StatusLine mLine{stderr};
+};
+
+std::string lowercaseExtension(const std::filesystem::path& path)
+{
+    std::string extension = path.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
+    return extension;
+}
+
+} // namespace
+
+bool isExportPath(const std::filesystem::path& path)
+{
+    const std::string extension = lowercaseExtension(path);
+    return extension == ".wav" || extension == ".aif" || extension == ".aiff" ||
+           extension == ".m4a";
+}
+
+void checkExportPath(const std::filesystem::path& path)
+{
+    if (!isExportPath(path)) {
+        throw Failure("unsupported output format \"" + path.extension().string() +
+                      "\": use .wav, .aif or .m4a");
+    }
+}
+
+void exportSong(PreparedSong& song, const std::filesystem::path& path,
+                std::optional<long long> loops)
+{
+    VellExtendedAudioFilePlayer& player = *song.player;
+    const Frame range = song.to - song.from;
+    Frame length = range;
+    if (loops) {
+        // The reader wraps at the loop's end, so the export renders each seam as heard.
+        player.enableLoopingInRange(song.from, range);
+        length = range * *loops;
+    }
+    player.setCurrentFrame(song.from);
+    const auto progress =
+        std::make_shared<ExportProgress>(isTerminal(STDERR_FILENO), path.filename().string());
+    player.setDelegate(progress);
+
+    // The export runs on a thread of its own while this one drains the main queue, where the
+    // progress reports arrive, and watches for a stop signal.
+    StopSignals stop;
+    std::atomic<bool> finished = false;
+    bool written = false;
+    bool cancelled = false;
+    Error error;
+    {
+        std::jthread worker([&] {
+            written = player.writeSamplesInRange(song.from, length, path, &error);
+            finished = true;
+        });
+        while (!finished) {
+            VellRunMainQueueUntil([&] { return finished.load(); }, std::chrono::milliseconds(50));
+            if (!cancelled && stop.caught()) {
+                player.cancelWriteToFile();
+                cancelled = true;
+            }
+        }
+    }
+    VellDrainMainQueue();
+    progress->finish(written && !cancelled);
+    if (!written) {
+        throw Failure(describe(path.string(), error));
+    }
+    if (cancelled) {
+        throw Failure("export cancelled");
+    }
+    const double speed = player.isReverse() ? -player.playbackSpeed() : player.playbackSpeed();
+    const double seconds = double(length) / song.file->sampleRate() / std::abs(speed);
+    std::printf("wrote %s: %.1f s, %gx, %lld st\n", path.c_str(), seconds, speed,
+                player.transpositionInterval());
+}
+
+} // namespace vell::tool
