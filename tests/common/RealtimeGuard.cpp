@@ -1,5 +1,7 @@
 // Replaces global allocation and pthread lock entry points so tests can count what a render
 // thread does. Counting is per thread (a thread-local depth); totals are global atomics.
+// Under RealtimeSanitizer a section is also the sanitizer's real-time context, and the C-level
+// functions are left to the sanitizer's interceptors: a definition here would replace them.
 #include "RealtimeGuard.h"
 
 #include <algorithm>
@@ -9,6 +11,29 @@
 #include <new>
 #include <pthread.h>
 #include <semaphore.h>
+
+#if defined(__has_feature)
+#if __has_feature(realtime_sanitizer)
+#define VELL_RTSAN 1
+#endif
+#endif
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(VELL_RTSAN)
+#define VELL_GUARD_REPLACES_MALLOC 0
+#else
+#define VELL_GUARD_REPLACES_MALLOC 1
+#endif
+#if defined(__SANITIZE_THREAD__) || defined(VELL_RTSAN)
+#define VELL_GUARD_REPLACES_LOCKS 0
+#else
+#define VELL_GUARD_REPLACES_LOCKS 1
+#endif
+
+#if defined(VELL_RTSAN)
+// The runtime's entry points (Clang 19 installs no header for them).
+extern "C" void __rtsan_realtime_enter();
+extern "C" void __rtsan_realtime_exit();
+#endif
 
 namespace vell::test {
 namespace {
@@ -32,7 +57,7 @@ inline void noteDeallocation(void* p) noexcept
     }
 }
 
-inline void noteLock() noexcept
+[[maybe_unused]] inline void noteLock() noexcept
 {
     if (tSectionDepth > 0) {
         gLocks.fetch_add(1);
@@ -44,10 +69,16 @@ inline void noteLock() noexcept
 RealtimeSection::RealtimeSection() noexcept
 {
     ++tSectionDepth;
+#if defined(VELL_RTSAN)
+    __rtsan_realtime_enter();
+#endif
 }
 
 RealtimeSection::~RealtimeSection()
 {
+#if defined(VELL_RTSAN)
+    __rtsan_realtime_exit();
+#endif
     --tSectionDepth;
 }
 
@@ -70,7 +101,7 @@ using vell::test::noteDeallocation;
 using vell::test::noteLock;
 
 // ---- C allocation. Sanitizers interpose malloc themselves; there only operator new is counted.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if VELL_GUARD_REPLACES_MALLOC
 extern "C" {
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -130,7 +161,7 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size)
 // ---- C++ allocation. Goes straight to the C library so each allocation is counted once.
 namespace {
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if VELL_GUARD_REPLACES_MALLOC
 void* rawMalloc(std::size_t size) { return __libc_malloc(size); }
 void* rawMemalign(std::size_t alignment, std::size_t size) { return __libc_memalign(alignment, size); }
 void rawFree(void* p) { __libc_free(p); }
@@ -220,7 +251,7 @@ void operator delete[](void* p, std::size_t, std::align_val_t) noexcept
 }
 
 // ---- Locks and waits. The real functions are looked up once, before any test runs.
-#if !defined(__SANITIZE_THREAD__)
+#if VELL_GUARD_REPLACES_LOCKS
 namespace {
 
 template <class Fn> Fn lookupNext(const char* name)

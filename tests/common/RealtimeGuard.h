@@ -1,6 +1,8 @@
 // Real-time enforcement for tests: counts allocations, frees and lock calls made inside a
 // RealtimeSection. The test binary replaces the global allocation functions and the pthread
-// lock calls; outside a section they behave as usual.
+// lock calls; outside a section they behave as usual. Built with RealtimeSanitizer (VELL_RTSAN),
+// a section is also the sanitizer's real-time context: any allocation, lock, sleep or I/O in it
+// ends the process with a stack, and only operator new and delete are still counted.
 #pragma once
 
 #include <cstddef>
