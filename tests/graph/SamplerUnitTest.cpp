@@ -437,8 +437,13 @@ TEST(SamplerUnitTest, EventsFromAnotherThreadReachTheRenderThread)
     ASSERT_EQ(graph.loadPreset(resourcePath("Guitar.aupreset")), noErr);
     std::atomic<bool> done{false};
     std::atomic<int> sent{0};
+    std::atomic<int> pulled{0};
     std::thread sender([&] {
         for (int i = 0; i < 400; ++i) {
+            // Stay within what the queue holds however the two threads are scheduled.
+            while (i - 4 * pulled.load() > 64) {
+                std::this_thread::yield();
+            }
             MusicDeviceMIDIEvent(graph.sampler, 0x90, 40 + i % 24, 100, 0);
             MusicDeviceMIDIEvent(graph.sampler, 0x80, 40 + i % 24, 127, 32);
             sent.fetch_add(2);
@@ -452,6 +457,7 @@ TEST(SamplerUnitTest, EventsFromAnotherThreadReachTheRenderThread)
         const Channels out = pull(graph.output, 2, 64, 64);
         loudest = std::max(loudest, peak(out[0]));
         ++slices;
+        pulled.store(slices);
     }
     sender.join();
     EXPECT_EQ(sent.load(), 800);

@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <fluidsynth.h>
@@ -82,10 +83,31 @@ private:
     std::uint32_t mFadePosition = 0;
 };
 
+/// FluidSynth's messages, counted instead of printed: it reports running out of voices from
+/// inside rendering, where printing is not allowed.
+std::atomic<std::uint64_t> gFluidSynthMessages{0};
+
+void countFluidSynthMessage(int, const char*, void*)
+{
+    gFluidSynthMessages.fetch_add(1);
+}
+
+void silenceFluidSynthLog()
+{
+    static const bool silenced = [] {
+        for (int level = FLUID_PANIC; level < LAST_LOG_LEVEL; ++level) {
+            fluid_set_log_function(level, countFluidSynthMessage, nullptr);
+        }
+        return true;
+    }();
+    (void)silenced;
+}
+
 std::unique_ptr<FluidSynthEngine> FluidSynthEngine::create(const SamplerPreset& preset,
                                                            const std::filesystem::path& soundFont,
                                                            double sampleRate)
 {
+    silenceFluidSynthLog();
     if (sampleRate < kLowestRate || sampleRate > kHighestRate) {
         return nullptr;
     }
