@@ -46,6 +46,13 @@ public:
     /// consumption stops at a cleared slot. Thread: render. Wait-free.
     VELL_RT F consumeFrames(F n) noexcept
     {
+        return consumeFrames(n, [](F, F) noexcept {});
+    }
+
+    /// As consumeFrames(n), handing each consumed span [start, end) to onSpan in order (a
+    /// consumption that crosses a loop's wrap gives one span per side).
+    template <class Visitor> VELL_RT F consumeFrames(F n, Visitor&& onSpan) noexcept
+    {
         if (n <= 0) {
             return readFrame();
         }
@@ -59,7 +66,11 @@ public:
             const F total = consumed + r.length();
             if (total > n) {
                 ranges[readIndex].start = r.start + (n - consumed);
+                onSpan(r.start, r.start + (n - consumed));
                 break;
+            }
+            if (r.length() > 0) {
+                onSpan(r.start, r.end);
             }
             readIndex = advance(readIndex);
             consumed = total;
@@ -112,27 +123,6 @@ template <class F, class R> struct SlowedAudioRangeMapping {
     VELL_RT constexpr F slowedToFile(F frame) const noexcept
     {
         return static_cast<F>(static_cast<R>(frame) * rate);
-    }
-
-    /// The file span whose events sound in a render cycle of cycleFrames output frames, given
-    /// the read frame at the output's head and the output's delay behind it (latencyFrames,
-    /// output frames). Both ends are put on the slowed grid, so consecutive cycles at one rate
-    /// tile the file without gaps.
-    VELL_RT constexpr Range<F> schedulingRange(F readFrame, F cycleFrames,
-                                               std::int32_t latencyFrames) const noexcept
-    {
-        const F startFile = readFrame + static_cast<F>(static_cast<R>(-latencyFrames) * rate);
-        const F endFile =
-            readFrame + static_cast<F>(static_cast<R>(cycleFrames - latencyFrames) * rate);
-        return {slowedToFile(fileToSlowed(startFile)), slowedToFile(fileToSlowed(endFile))};
-    }
-
-    /// The sample offset, within the cycle whose span starts at rangeStart, of an event at
-    /// file frame frame (the low 32 bits of each slowed frame, as a signed difference).
-    VELL_RT constexpr std::int32_t sampleOffset(F frame, F rangeStart) const noexcept
-    {
-        return static_cast<std::int32_t>(static_cast<std::uint32_t>(fileToSlowed(frame)) -
-                                         static_cast<std::uint32_t>(fileToSlowed(rangeStart)));
     }
 };
 

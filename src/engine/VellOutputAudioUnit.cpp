@@ -118,9 +118,6 @@ void VellOutputAudioUnit::setupAUGraph()
     VELL_CHECK_THROW(AudioUnitGetProperty(mOutputUnit,
                                           kAudioOutputUnitProperty_StartTimestampsAtZero,
                                           kAudioUnitScope_Global, 0, &startAtZero, &sazSize));
-    // Events are scheduled before each render of the mixer, with the mixer's own frame count:
-    // an output unit that converts rates pulls the mixer for another count than it renders.
-    VELL_CHECK_THROW(AudioUnitAddRenderNotify(mMixerUnit, OAURenderCallback, this));
 
     // A device may ask for large cycles: let the mixer and samplers take them in one slice.
     UInt32 maxFrames = kDeviceMaximumFramesPerSlice;
@@ -358,7 +355,6 @@ void VellOutputAudioUnit::setCurrentTrackedReadFrame(Frame frame)
         mTrackerReverse = mReverse.load();
         mTracker.reset(toReading(frame, mTrackerReverse));
         mConsumeCarry = 0;
-        mScheduledThrough = kFrameNotFound;
         mAppliedSeekSerial = serial;
     }
 }

@@ -44,18 +44,19 @@ public:
 
 /// The processing graph of one file's playback.
 ///
-/// Render path (one device cycle of N frames, all on the render thread): the pre-render
-/// notification schedules the notes and beats whose file frames fall into the cycle on the two
-/// samplers; the mixer's music input pulls N output frames from the stretcher, which pulls file
-/// frames from the buffer queue; the isolation engine processes them in place; the tracker then
-/// consumes the file frames those N output frames carried. The samplers and the music are
-/// mixed and sent to the output unit.
+/// Render path (one device cycle of N frames, all on the render thread): the mixer's music
+/// input pulls N output frames from the stretcher, which pulls file frames from the buffer
+/// queue (recording each pulled span in the tracker); the isolation engine processes them in
+/// place; the tracker then consumes the file spans those N frames carried, and the notes and
+/// beats in those spans are scheduled on the two samplers, which the mixer renders next. The
+/// samplers and the music are mixed and sent to the output unit.
 ///
 /// Timing. Output frame k of the stretcher carries file frame k x rate after a restart; the
-/// isolation engine delays everything by its latency L; events are scheduled so that a note
-/// at file frame f starts at the output frame that carries f (less the sampler's own known
-/// delay). The tracker's consumption carries the fractional part of N x rate from cycle to
-/// cycle, so the read frame follows the output exactly at any rate.
+/// isolation engine delays everything by its latency L. An event is scheduled from the span
+/// that carried its frame, at the output frame that carried it plus L (less the sampler's own
+/// known delay; the samplers carry offsets past the slice over), so it is exact across loop
+/// wraps, seeks and speed changes. The tracker's consumption carries the fractional part of
+/// N x rate from cycle to cycle, so the read frame follows the output exactly at any rate.
 ///
 /// Playback rate: file frames per output frame, limited to [kMinimumPlaybackRate,
 /// kMaximumPlaybackRate]; a rate that is not a positive finite number is ignored. Pitch: the
@@ -227,11 +228,6 @@ public:
     Statistics statistics() const noexcept;
 
     // ---- The render callbacks. Thread: render. Wait-free, no allocation.
-    VELL_RT static OSStatus OAURenderCallback(void* inRefCon,
-                                              AudioUnitRenderActionFlags* ioActionFlags,
-                                              const AudioTimeStamp* inTimeStamp, UInt32 inBusNumber,
-                                              UInt32 inNumberFrames,
-                                              AudioBufferList* ioData) noexcept;
     VELL_RT static OSStatus OAUFXProc(void* inRefCon, AudioUnitRenderActionFlags* ioActionFlags,
                                       const AudioTimeStamp* inTimeStamp, UInt32 inBusNumber,
                                       UInt32 inNumberFrames, AudioBufferList* ioData) noexcept;
@@ -249,15 +245,15 @@ private:
     /// the graph renders (on the device or offline).
     void prepareToRender();
 
-    VELL_RT void scheduleEvents(UInt32 frames) noexcept;
-    VELL_RT void scheduleNoteEntries(FileRange range, const FileRangeMapping& mapping, bool reverse,
-                                     Frame rangeStart) noexcept;
-    VELL_RT void scheduleBeatEntries(FileRange range, const FileRangeMapping& mapping, bool reverse,
-                                     Frame rangeStart) noexcept;
+    /// Schedules the notes (when notes is set) and beats at the reading positions [first,
+    /// end), whose first frame is heard outputPosition frames (before the isolation latency)
+    /// after the start of the slice being rendered, at rate file frames per output frame.
+    VELL_RT void scheduleSpan(Frame first, Frame end, double outputPosition, double rate,
+                              bool notes) noexcept;
     VELL_RT OSStatus renderMusic(AudioUnitRenderActionFlags* ioActionFlags, UInt32 frames,
                                  AudioBufferList* ioData) noexcept;
     VELL_RT long pullFileFrames(float** channelData, long frames) noexcept;
-    VELL_RT void consumeOutputFrames(UInt32 frames, double rate) noexcept;
+    VELL_RT void consumeOutputFrames(UInt32 frames, double rate, UInt32 outputOffset) noexcept;
     VELL_RT double currentRate() const noexcept;
     /// Reading position in the tracker's coordinates: file frames forwards, their negation
     /// backwards, so that reading always moves up.
@@ -333,8 +329,6 @@ private:
     std::uint64_t mSeenRestarts = 0;
     std::uint64_t mAppliedSeekSerial = 0;
     bool mTrackerReverse = false;
-    /// End of the last scheduled range (reading coordinates), kFrameNotFound after a restart.
-    Frame mScheduledThrough = kFrameNotFound;
     /// Reading frame one past the end of the stream once it was fed (kFrameNotFound before).
     Frame mEndOfStreamFrame = kFrameNotFound;
     bool mEndOfStreamNotified = false;

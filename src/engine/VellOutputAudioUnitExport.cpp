@@ -193,7 +193,6 @@ AudioUnit VellOutputAudioUnit::beginOfflineRendering(double outputSampleRate, UI
     mTracker.reset(
         toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse));
     mConsumeCarry = 0;
-    mScheduledThrough = kFrameNotFound;
     mSeenRestarts = DiracGetRestartCount(mDirac);
     mAppliedSeekSerial = mSeekSerial.load();
     mPublishedReadFrame.store(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue));

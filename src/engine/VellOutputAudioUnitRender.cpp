@@ -35,165 +35,119 @@ using StorageQuery = OSStatus (*)(VellNoteEntryPlaybackStorage*, Frame, Frame, s
 } // namespace
 
 // ---- Scheduling ---------------------------------------------------------------------------------
+//
+// Events are scheduled from the file spans the music has just consumed, where the frame mapping
+// is known exactly (across loop wraps, seeks and speed changes): an event at a position of a
+// span sounds the isolation latency after the output frame that carried it, less the samplers'
+// own delay. Sampler offsets may run past the slice; the samplers carry them over.
 
-VELL_RT OSStatus VellOutputAudioUnit::OAURenderCallback(void* inRefCon,
-                                                        AudioUnitRenderActionFlags* ioActionFlags,
-                                                        const AudioTimeStamp*, UInt32,
-                                                        UInt32 inNumberFrames,
-                                                        AudioBufferList*) noexcept
+namespace {
+
+/// The entries whose frame (as the query measures it) lies at a reading position within
+/// [first, end), shifted by shift, into entries. Reading position p holds file frame p forwards
+/// and -p backwards; the storage's ranges are closed.
+VELL_RT std::uint64_t queryReading(StorageQuery query, VellNoteEntryPlaybackStorage* storage,
+                                   Frame first, Frame end, bool reverse, Frame shift,
+                                   VellPlaybackEntry* entries, std::uint64_t capacity) noexcept
 {
-    if (ioActionFlags != nullptr && (*ioActionFlags & kAudioUnitRenderAction_PreRender) != 0) {
-        static_cast<VellOutputAudioUnit*>(inRefCon)->scheduleEvents(inNumberFrames);
+    const Frame low = reverse ? -(end - 1) + shift : first - shift;
+    std::uint64_t count = capacity;
+    query(storage, low, end - 1 - first, &count, entries);
+    return std::min(count, capacity);
+}
+
+} // namespace
+
+VELL_RT void VellOutputAudioUnit::scheduleSpan(Frame first, Frame end, double outputPosition,
+                                               double rate, bool notes) noexcept
+{
+    if (end <= first) {
+        return;
     }
-    return noErr;
+    const bool reverse = mTrackerReverse;
+    const double delay =
+        double(TessalyGetLatency(mIsolator)) - double(mSamplerLeadFrames.load()) + outputPosition;
+    const auto offsetOf = [&](Frame position) noexcept {
+        const double offset = delay + double(position - first) / rate;
+        return UInt32(std::clamp(offset, 0.0, double(UINT32_MAX)));
+    };
+    VellPlaybackEntry* entries = mPlaybackEntries.get();
+    VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
+
+    if (notes) {
+        // Backwards a note starts at its end and stops at its start.
+        const auto transposition = float(_transpositionInterval.load());
+        const StorageQuery onQuery =
+            reverse ? VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange
+                    : VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange;
+        const StorageQuery offQuery =
+            reverse ? VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange
+                    : VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange;
+        std::uint64_t count =
+            queryReading(onQuery, storage, first, end, reverse, 0, entries, kPlaybackEntryCapacity);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const VellPlaybackEntry& entry = entries[i];
+            NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
+            const MusicDeviceNoteParams params{2, float(entry.midiNote) + transposition,
+                                               float(entry.velocity)};
+            const Frame at = reverse ? -(entry.startFrame + entry.duration) : entry.startFrame;
+            MusicDeviceStartNote(mNoteEntryPlaybackUnit, kMusicNoteEvent_UseGroupInstrument,
+                                 entry.group, &instance, offsetOf(at), &params);
+            mNotesStarted.fetch_add(1);
+            if (VellNoteEntryPlaybackStorageAddActiveEntryToBuffer(
+                    instance, mActiveEntries.get(), std::int32_t(kPlaybackEntryCapacity), entry) ==
+                0) {
+                mDroppedActiveNotes.fetch_add(1);
+            }
+        }
+        count = queryReading(offQuery, storage, first, end, reverse, 0, entries,
+                             kPlaybackEntryCapacity);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const VellPlaybackEntry& entry = entries[i];
+            std::uint32_t instance = 0;
+            VellNoteEntryPlaybackStoragePopInstanceForId(entry.eventId, &instance,
+                                                         mActiveEntries.get(),
+                                                         std::int32_t(kPlaybackEntryCapacity));
+            const Frame at = reverse ? -entry.startFrame : entry.startFrame + entry.duration;
+            MusicDeviceStopNote(mNoteEntryPlaybackUnit, entry.group, instance, offsetOf(at));
+        }
+    }
+
+    if (mMetronomeEnabled.load()) {
+        // A click sounds at its beat in either direction; backwards its note-off comes a
+        // beat's duration after it in reading order.
+        std::uint64_t count =
+            queryReading(VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange, storage, first,
+                         end, reverse, 0, entries, kPlaybackEntryCapacity);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const VellPlaybackEntry& entry = entries[i];
+            NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
+            const MusicDeviceNoteParams params{2, float(entry.midiNote), float(entry.velocity)};
+            MusicDeviceStartNote(mMetronomeUnit, kMusicNoteEvent_UseGroupInstrument, entry.group,
+                                 &instance, offsetOf(toReading(entry.startFrame, reverse)),
+                                 &params);
+            mBeatsStarted.fetch_add(1);
+        }
+        const StorageQuery offQuery =
+            reverse ? VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange
+                    : VellNoteEntryPlaybackStorageGetBeatEntriesEndingInRange;
+        count = queryReading(offQuery, storage, first, end, reverse,
+                             reverse ? kVellBeatEntryPlaybackDuration : 0, entries,
+                             kPlaybackEntryCapacity);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const VellPlaybackEntry& entry = entries[i];
+            const Frame at =
+                reverse ? -entry.startFrame + entry.duration : entry.startFrame + entry.duration;
+            MusicDeviceStopNote(mMetronomeUnit, entry.group,
+                                NoteInstanceID(std::uint64_t(entry.eventId)), offsetOf(at));
+        }
+    }
 }
 
 VELL_RT double VellOutputAudioUnit::currentRate() const noexcept
 {
     const double timeFactor = double(DiracGetProperty(kDiracPropertyTimeFactor, mDirac));
     return timeFactor > 0 ? 1.0 / timeFactor : 1.0;
-}
-
-VELL_RT void VellOutputAudioUnit::scheduleEvents(UInt32 frames) noexcept
-{
-    if (mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared() ||
-        mSeekSerial.load() != mAppliedSeekSerial) {
-        // Nothing fed yet, or a seek the stretcher has not restarted at: the position is not
-        // known until the music of this cycle is pulled.
-        return;
-    }
-    const FileRangeMapping mapping = FileRangeMapping::withRate(currentRate());
-    // The music is delayed by the isolation engine; a sampler that delays its own events is
-    // given them that much earlier.
-    const auto latency = std::int32_t(TessalyGetLatency(mIsolator) - mSamplerLeadFrames.load());
-    FileRange range = mapping.schedulingRange(mTracker.readFrame(), Frame(frames), latency);
-    // Consecutive cycles tile the time line. Where a rate change makes a range overlap the
-    // previous one or leave a small gap, it starts where the last one ended, so that no event
-    // starts twice and none is skipped.
-    const Frame previousEnd = mScheduledThrough;
-    const Frame slack = Frame(frames) * 2 + 2;
-    Frame from = range.start;
-    if (previousEnd != kFrameNotFound && previousEnd >= range.start - slack &&
-        previousEnd <= range.end) {
-        from = previousEnd;
-    }
-    mScheduledThrough = range.end;
-    if (from >= range.end) {
-        return;
-    }
-    const bool reverse = mTrackerReverse;
-    FileRange scheduled{from, range.end};
-    if (!mPreroll.load()) {
-        scheduleNoteEntries(scheduled, mapping, reverse, range.start);
-    }
-    if (mMetronomeEnabled.load()) {
-        scheduleBeatEntries(scheduled, mapping, reverse, range.start);
-    }
-}
-
-namespace {
-
-/// The entries of the storage whose frame (as the query measures it) lies at a reading
-/// position within [range.start, range.end), in reading coordinates. shift moves the positions
-/// the query is asked for (reading backwards, a note-off sits at start + duration).
-VELL_RT std::uint64_t queryReading(StorageQuery query, VellNoteEntryPlaybackStorage* storage,
-                                   FileRange range, bool reverse, Frame shift,
-                                   VellPlaybackEntry* entries, std::uint64_t capacity) noexcept
-{
-    // Reading position p holds file frame p forwards and -p backwards; the storage's ranges are
-    // closed, so [start, end) becomes [start, end - 1] (or its mirror).
-    const Frame first = reverse ? -(range.end - 1) + shift : range.start - shift;
-    std::uint64_t count = capacity;
-    query(storage, first, range.end - 1 - range.start, &count, entries);
-    return std::min(count, capacity);
-}
-
-} // namespace
-
-VELL_RT void VellOutputAudioUnit::scheduleNoteEntries(FileRange range,
-                                                      const FileRangeMapping& mapping, bool reverse,
-                                                      Frame rangeStart) noexcept
-{
-    VellPlaybackEntry* entries = mPlaybackEntries.get();
-    VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
-    const auto transposition = float(_transpositionInterval.load());
-    // Backwards a note starts at its end and stops at its start.
-    const StorageQuery onQuery = reverse
-                                     ? VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange
-                                     : VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange;
-    const StorageQuery offQuery = reverse
-                                      ? VellNoteEntryPlaybackStorageGetNoteEntriesStartingInRange
-                                      : VellNoteEntryPlaybackStorageGetNoteEntriesEndingInRange;
-    const auto onFrame = [reverse](const VellPlaybackEntry& e) {
-        return reverse ? -(e.startFrame + e.duration) : e.startFrame;
-    };
-    const auto offFrame = [reverse](const VellPlaybackEntry& e) {
-        return reverse ? -e.startFrame : e.startFrame + e.duration;
-    };
-
-    std::uint64_t count =
-        queryReading(onQuery, storage, range, reverse, 0, entries, kPlaybackEntryCapacity);
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const VellPlaybackEntry& entry = entries[i];
-        NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
-        const MusicDeviceNoteParams params{2, float(entry.midiNote) + transposition,
-                                           float(entry.velocity)};
-        const auto offset = std::max(mapping.sampleOffset(onFrame(entry), rangeStart), 0);
-        MusicDeviceStartNote(mNoteEntryPlaybackUnit, kMusicNoteEvent_UseGroupInstrument,
-                             entry.group, &instance, UInt32(offset), &params);
-        mNotesStarted.fetch_add(1);
-        if (VellNoteEntryPlaybackStorageAddActiveEntryToBuffer(
-                instance, mActiveEntries.get(), std::int32_t(kPlaybackEntryCapacity), entry) == 0) {
-            mDroppedActiveNotes.fetch_add(1);
-        }
-    }
-
-    count = queryReading(offQuery, storage, range, reverse, 0, entries, kPlaybackEntryCapacity);
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const VellPlaybackEntry& entry = entries[i];
-        std::uint32_t instance = 0;
-        VellNoteEntryPlaybackStoragePopInstanceForId(entry.eventId, &instance, mActiveEntries.get(),
-                                                     std::int32_t(kPlaybackEntryCapacity));
-        const auto offset = std::max(mapping.sampleOffset(offFrame(entry), rangeStart), 0);
-        MusicDeviceStopNote(mNoteEntryPlaybackUnit, entry.group, instance, UInt32(offset));
-    }
-}
-
-VELL_RT void VellOutputAudioUnit::scheduleBeatEntries(FileRange range,
-                                                      const FileRangeMapping& mapping, bool reverse,
-                                                      Frame rangeStart) noexcept
-{
-    VellPlaybackEntry* entries = mPlaybackEntries.get();
-    VellNoteEntryPlaybackStorage* storage = mNoteEntryPlaybackStorage.get();
-    // A click sounds at its beat in either direction; backwards its note-off comes a beat's
-    // duration after it in reading order.
-    std::uint64_t count = queryReading(VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange,
-                                       storage, range, reverse, 0, entries, kPlaybackEntryCapacity);
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const VellPlaybackEntry& entry = entries[i];
-        NoteInstanceID instance = NoteInstanceID(std::uint64_t(entry.eventId));
-        const MusicDeviceNoteParams params{2, float(entry.midiNote), float(entry.velocity)};
-        const auto offset =
-            std::max(mapping.sampleOffset(toReading(entry.startFrame, reverse), rangeStart), 0);
-        MusicDeviceStartNote(mMetronomeUnit, kMusicNoteEvent_UseGroupInstrument, entry.group,
-                             &instance, UInt32(offset), &params);
-        mBeatsStarted.fetch_add(1);
-    }
-
-    const StorageQuery offQuery = reverse
-                                      ? VellNoteEntryPlaybackStorageGetBeatEntriesStartingInRange
-                                      : VellNoteEntryPlaybackStorageGetBeatEntriesEndingInRange;
-    count =
-        queryReading(offQuery, storage, range, reverse,
-                     reverse ? kVellBeatEntryPlaybackDuration : 0, entries, kPlaybackEntryCapacity);
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const VellPlaybackEntry& entry = entries[i];
-        const Frame off =
-            reverse ? -entry.startFrame + entry.duration : entry.startFrame + entry.duration;
-        const auto offset = std::max(mapping.sampleOffset(off, rangeStart), 0);
-        MusicDeviceStopNote(mMetronomeUnit, entry.group,
-                            NoteInstanceID(std::uint64_t(entry.eventId)), UInt32(offset));
-    }
 }
 
 // ---- Music --------------------------------------------------------------------------------------
@@ -233,7 +187,8 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
         const Frame target =
             toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), reverse);
         const Frame start = mPrerollSampleStart.load();
-        const double exact = double(target - start) / rate - mConsumeCarry;
+        const double carry = mConsumeCarry;
+        const double exact = (double(target - start) - carry) / rate;
         const auto silent = UInt32(std::clamp<double>(std::ceil(exact), 0.0, double(frames)));
         Frame advance = target - start;
         if (silent == frames) {
@@ -244,6 +199,8 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
             mConsumeCarry = 0;
         }
         mTrackerReverse = reverse;
+        // The count-in's beats are scheduled as the music's would be (its notes are not).
+        scheduleSpan(start, start + advance, -carry / rate, rate, false);
         mTracker.reset(start + advance);
         mPrerollSampleStart.store(start + advance);
         zeroFrames(*ioData, 0, silent);
@@ -272,18 +229,28 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
         }
         TessalyProcess(mIsolator, chunkPointers.data(), n, chunkPointers.data(), n);
     }
-    consumeOutputFrames(remaining, currentRate());
+    consumeOutputFrames(remaining, currentRate(), done);
     return noErr;
 }
 
-VELL_RT void VellOutputAudioUnit::consumeOutputFrames(UInt32 frames, double rate) noexcept
+VELL_RT void VellOutputAudioUnit::consumeOutputFrames(UInt32 frames, double rate,
+                                                      UInt32 outputOffset) noexcept
 {
     // Carry the fraction of frames x rate to the next cycle, so that the read frame follows the
-    // output exactly at rates like 0.73.
-    const double wanted = double(frames) * rate + mConsumeCarry;
+    // output exactly at rates like 0.73. The exact position at the output's head is the read
+    // frame plus the carry.
+    const double carry = mConsumeCarry;
+    const double wanted = double(frames) * rate + carry;
     const auto whole = Frame(std::floor(wanted));
     mConsumeCarry = wanted - double(whole);
-    const Frame reading = mTracker.consumeFrames(whole);
+    double consumed = 0;
+    const bool schedule = mSeekSerial.load() == mAppliedSeekSerial;
+    const Frame reading = mTracker.consumeFrames(whole, [&](Frame first, Frame end) noexcept {
+        if (schedule) {
+            scheduleSpan(first, end, double(outputOffset) + (consumed - carry) / rate, rate, true);
+        }
+        consumed += double(end - first);
+    });
     const auto heard = reading - Frame(rate * double(TessalyGetLatency(mIsolator)));
     // Until a seek is applied the sought frame stays published.
     if (!mTracker.ranges[std::size_t(mTracker.readIndex)].isCleared() &&
@@ -320,7 +287,6 @@ VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frame
         mTracker.reset(
             toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse));
         mConsumeCarry = 0;
-        mScheduledThrough = kFrameNotFound;
         mDone.store(false);
         mEndOfStreamNotified = false;
         mEndOfStreamFrame = kFrameNotFound;

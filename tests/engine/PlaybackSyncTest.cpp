@@ -151,8 +151,20 @@ std::vector<double> measureOffsets(const SyncCase& c)
     }
     const auto musicOnsets = onsets(music);
     const auto soundOnsets = onsets(difference);
+    // Every beat has its sound. Left aside: the export's last block (past the range), and a
+    // click on the very first frame, which the stretcher softens as it starts.
+    const double head = 0.1 * exportRate;
+    const double tail = double(music.size()) - 0.3 * exportRate;
+    const auto inside = [&](const std::vector<double>& found) {
+        return std::count_if(found.begin(), found.end(),
+                             [&](double o) { return o >= head && o < tail; });
+    };
+    EXPECT_EQ(inside(soundOnsets), inside(musicOnsets));
     std::vector<double> offsets;
     for (double onset : soundOnsets) {
+        if (onset < head) {
+            continue;
+        }
         const auto nearest =
             std::min_element(musicOnsets.begin(), musicOnsets.end(), [&](double a, double b) {
                 return std::abs(a - onset) < std::abs(b - onset);
@@ -224,8 +236,10 @@ std::vector<SyncCase> syncCases()
     add("up_5_semitones", 0.75, [](SyncCase& c) { c.semitones = 5; });
     add("down_5_semitones", 0.75, [](SyncCase& c) { c.semitones = -5; });
     add("isolated", 0.75, [](SyncCase& c) { c.isolate = true; });
+    // A beat 50 ms before the loop's end and one on its start: both lie within the isolation
+    // latency of the wrap.
     add("loop_wraps", 0.75, [](SyncCase& c) {
-        c.seconds = 4.5;
+        c.seconds = 4.05;
         c.loops = 4;
     });
     add("notes", 0.75, [](SyncCase& c) { c.sound = Sound::notes; });
