@@ -315,10 +315,9 @@ VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frame
         auto copied = std::uint32_t(piece);
         BRIXAudioBufferQueueCopyIntoChannels(mAudioBufferQueue, pointers.data(), channels, &copied);
         if (BRIXAudioBufferQueueReachedEndOfStream(mAudioBufferQueue)) {
-            // Whatever is still asked for is silence past the end; the bookkeeping stops at
-            // the end so that the read frame never runs past it.
+            // Whatever is still asked for is silence past the end.
             for (UInt32 c = 0; c < channels; ++c) {
-                std::fill(pointers[c] + copied, pointers[c] + piece, 0.0f);
+                std::fill(channelData[c] + pulled + long(copied), channelData[c] + frames, 0.0f);
             }
             if (copied > 0) {
                 mTracker.record({position, position + Frame(copied)});
