@@ -20,22 +20,22 @@ namespace {
 
 constexpr std::uint64_t kCapacity = kVellPlaybackEntryBufferCapacity;
 
-struct NoteSpec {
+struct NoteRow {
     Frame location;
     Frame length;
     int midiNote = 60;
     std::uint8_t channel = 0;
 };
 
-void addNotes(VellNoteEntryStorage& storage, const std::vector<NoteSpec>& specs)
+void addNotes(VellNoteEntryStorage& storage, const std::vector<NoteRow>& rows)
 {
     VellEntryArray<VellNoteEntry> notes;
-    for (const NoteSpec& spec : specs) {
+    for (const NoteRow& row : rows) {
         auto note = storage.newNoteEntry();
-        note->setLocation(spec.location);
-        note->setLength(spec.length);
-        note->setPitch(KPitch(spec.midiNote));
-        note->setChannel(spec.channel);
+        note->setLocation(row.location);
+        note->setLength(row.length);
+        note->setPitch(KPitch(row.midiNote));
+        note->setChannel(row.channel);
         notes.push_back(note);
     }
     storage.addNoteEntriesFromArray(notes);
@@ -133,7 +133,7 @@ TEST(VellNoteEntryPlaybackStorageTest, RangeQueriesIncludeBothEndsAndCopyTheNote
 TEST(VellNoteEntryPlaybackStorageTest, CapacityKeepsTheFirstMatchesInArrayOrder)
 {
     VellNoteEntryStorage storage;
-    std::vector<NoteSpec> notes;
+    std::vector<NoteRow> notes;
     for (int i = 0; i < 200; ++i) {
         notes.push_back({Frame(199 - i) * 10, 5});
     }
@@ -220,7 +220,7 @@ TEST(VellNoteEntryPlaybackStorageTest, ActiveEntriesPairEventsWithInstances)
 TEST(VellNoteEntryPlaybackStorageTest, RenderThreadCallsAllocateAndLockNothing)
 {
     VellNoteEntryStorage storage;
-    std::vector<NoteSpec> notes;
+    std::vector<NoteRow> notes;
     for (int i = 0; i < 10000; ++i) {
         notes.push_back({Frame(i) * 100, 50, 40 + i % 40});
     }
@@ -258,7 +258,7 @@ std::vector<std::unique_ptr<VellNoteEntryStorage>> generations(int count, int en
     std::vector<std::unique_ptr<VellNoteEntryStorage>> result;
     for (int g = 0; g < count; ++g) {
         auto storage = std::make_unique<VellNoteEntryStorage>();
-        std::vector<NoteSpec> notes;
+        std::vector<NoteRow> notes;
         for (int i = 0; i < entries; ++i) {
             notes.push_back({Frame(i) * 1000 + g, g + 1, 60, static_cast<std::uint8_t>(g)});
         }
