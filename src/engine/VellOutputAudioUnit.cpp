@@ -54,6 +54,7 @@ VellOutputAudioUnit::VellOutputAudioUnit(const AudioStreamBasicDescription& stre
         mSpectrumData =
             std::make_unique<VellSpectrumData>(TessalyGetSpectrumLength(mIsolator), rate);
 
+        mWarmup.assign(std::size_t(kWarmupFrames) * mStreamDescription.mChannelsPerFrame, 0.0f);
         mAudioNotificationQueueWorker = KAudioNotificationQueueWorkerCreate();
         VELL_CHECK_THROW(mAudioNotificationQueueWorker);
     } catch (...) {
@@ -368,6 +369,7 @@ bool VellOutputAudioUnit::start()
         return true;
     }
     prepareToRender();
+    warmUpStretcher();
     KAudioNotificationQueueWorkerStart(mAudioNotificationQueueWorker);
     if (AUGraphStart(mGraph) != noErr) {
         VELL_LOG_ERROR("Failed to start AUGraph.");
@@ -391,6 +393,22 @@ void VellOutputAudioUnit::prepareToRender()
     refreshSamplerLead();
     std::fill_n(mActiveEntries.get(), kPlaybackEntryCapacity, VellPlaybackEntry{});
     mDone.store(false);
+}
+
+void VellOutputAudioUnit::warmUpStretcher()
+{
+    mWarmupFrames = 0;
+    mWarmupServed = 0;
+    if (mPreroll.load() || mAudioBufferQueue == nullptr || mWarmup.empty()) {
+        return;
+    }
+    std::array<float*, AudioBufferList::kMaxBuffers> pointers{};
+    for (UInt32 c = 0; c < mStreamDescription.mChannelsPerFrame; ++c) {
+        pointers[c] = mWarmup.data() + std::size_t(c) * kWarmupFrames;
+    }
+    // Nothing renders yet, so this thread may stand in for the render thread.
+    DiracProcess(pointers.data(), long(kWarmupFrames), mDirac);
+    mWarmupFrames = kWarmupFrames;
 }
 
 void VellOutputAudioUnit::stop()

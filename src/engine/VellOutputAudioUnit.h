@@ -82,6 +82,8 @@ public:
     static constexpr UInt32 kIsolationMaximumFrames = 8192;
     /// Frames the music slices of the mixer and samplers may reach on a device.
     static constexpr UInt32 kDeviceMaximumFramesPerSlice = 8192;
+    /// Stretched frames made before rendering starts.
+    static constexpr UInt32 kWarmupFrames = 512;
 
     /// Builds the graph for a stream (sample rate and channel count of the file's client
     /// format). Raises "NSXError" when a graph call fails. Thread: main.
@@ -244,6 +246,10 @@ private:
     /// Clears every unit, the stretcher and the isolation engine and loads the presets, before
     /// the graph renders (on the device or offline).
     void prepareToRender();
+    /// Makes the stretcher's first output frames on the calling thread, before the graph
+    /// renders, so that its start-up cost never lands in a render cycle. Not while counting in
+    /// (the count-in ends at the reader's frame, which pulling would move).
+    void warmUpStretcher();
 
     /// Schedules the notes (when notes is set) and beats at the reading positions [first,
     /// end), whose first frame is heard outputPosition frames (before the isolation latency)
@@ -322,6 +328,12 @@ private:
     std::atomic<Frame> mPublishedReadFrame{-1};
     /// Frames of delay of each sampler's events (scheduled that much earlier).
     std::atomic<std::int32_t> mSamplerLeadFrames{0};
+
+    // The stretcher's first frames, made by warmUpStretcher and played before it is called
+    // again. Written before rendering starts, then the render thread's.
+    std::vector<float> mWarmup;
+    UInt32 mWarmupFrames = 0;
+    UInt32 mWarmupServed = 0;
 
     // Render thread only.
     FileRangeTracker mTracker;

@@ -196,6 +196,7 @@ AudioUnit VellOutputAudioUnit::beginOfflineRendering(double outputSampleRate, UI
     mSeenRestarts = DiracGetRestartCount(mDirac);
     mAppliedSeekSerial = mSeekSerial.load();
     mPublishedReadFrame.store(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue));
+    warmUpStretcher();
     return outputUnit;
 }
 

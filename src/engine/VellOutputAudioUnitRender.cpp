@@ -220,7 +220,26 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
     for (UInt32 c = 0; c < channels; ++c) {
         pointers[c] = static_cast<float*>(ioData->mBuffers[c].mData) + done;
     }
-    DiracProcess(pointers.data(), long(remaining), mDirac);
+    // The frames made before rendering started come first, unless a seek has made them stale.
+    if (mSeekSerial.load() != mAppliedSeekSerial) {
+        mWarmupServed = mWarmupFrames;
+    }
+    const UInt32 warm = std::min(remaining, mWarmupFrames - mWarmupServed);
+    if (warm > 0) {
+        for (UInt32 c = 0; c < channels; ++c) {
+            std::memcpy(pointers[c],
+                        mWarmup.data() + std::size_t(c) * kWarmupFrames + mWarmupServed,
+                        std::size_t(warm) * sizeof(float));
+        }
+        mWarmupServed += warm;
+    }
+    if (remaining > warm) {
+        std::array<float*, AudioBufferList::kMaxBuffers> rest{};
+        for (UInt32 c = 0; c < channels; ++c) {
+            rest[c] = pointers[c] + warm;
+        }
+        DiracProcess(rest.data(), long(remaining - warm), mDirac);
+    }
     for (UInt32 chunk = 0; chunk < remaining; chunk += kIsolationMaximumFrames) {
         const UInt32 n = std::min(kIsolationMaximumFrames, remaining - chunk);
         std::array<float*, AudioBufferList::kMaxBuffers> chunkPointers{};
