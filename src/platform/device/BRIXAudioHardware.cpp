@@ -145,7 +145,10 @@ struct BRIXAudioHardware::Impl {
         if (!environmentRead) {
             environmentRead = true;
             const char* named = std::getenv(std::string(kAudioDeviceEnvironmentVariable).c_str());
-            if (named && *named) {
+            if (named && named == kNullAudioDeviceName) {
+                // Without asking the sound system, which then never starts a thread.
+                override = kNullAudioDeviceID;
+            } else if (named && *named) {
                 if (std::optional<AudioDeviceID> found = findNamed(allDevices(), named)) {
                     override = *found;
                 } else {
