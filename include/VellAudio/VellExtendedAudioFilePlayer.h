@@ -149,7 +149,8 @@ public:
     // ---- Export.
     /// Renders [location, location + length) of the file as it is heard (speed, pitch,
     /// isolation, metronome and notes, but not the music level) to path, faster than real
-    /// time on the calling thread. The file type follows the extension: ".wav" (16-bit),
+    /// time on the calling thread, preceded by the count-in when one is set (`setPreroll`; the
+    /// count-in is then taken to end at location). The file type follows the extension: ".wav" (16-bit),
     /// ".aif"/".aiff" (16-bit), ".m4a" (AAC), all 44.1 kHz stereo. Playback must be stopped.
     /// False with *outError filled for an unsupported extension (nothing is written), the
     /// source file itself as destination, or a failure while writing (what was written stays a
@@ -183,6 +184,10 @@ private:
     void notifyDelegateOfFrameUpdate();
     void notifyDelegateOfExportProgress(double progress);
     void resetPlaybackStart(Frame frame);
+    /// Sets the reader to frame or, before a count-in, a lead-in before it (after it, backwards)
+    /// within the file, for the output unit to run the stretcher through unheard; returns the
+    /// reader's frame.
+    Frame setReaderWithLeadIn(Frame frame);
 
     std::shared_ptr<BRIXExtendedAudioFile> mAudioFile;
     std::unique_ptr<VellOutputAudioUnit> mOutputAudioUnit;

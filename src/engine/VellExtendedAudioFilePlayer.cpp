@@ -101,7 +101,7 @@ bool VellExtendedAudioFilePlayer::setUp(Error* outError)
         return false;
     }
     mFileReader->setAudioFile(mAudioFile);
-    mOutputAudioUnit->setAudioBufferQueue(mFileReader.get());
+    mOutputAudioUnit->setFileReader(mFileReader.get());
 
     std::weak_ptr<VellExtendedAudioFilePlayer*> weakSelf = mSelf;
     mOutputAudioUnit->setEndOfStreamNotificationBlock([weakSelf] {
@@ -143,9 +143,9 @@ bool VellExtendedAudioFilePlayer::startFilePlaying(Error* outError)
     mDone = false;
     mCrossedPlaybackStart = false;
     mPlaybackStartFrame = mCurrentFrame;
-    mFileReader->setCurrentFrame(mCurrentFrame);
+    const Frame readerStart = setReaderWithLeadIn(mCurrentFrame);
     mFileReader->start();
-    mOutputAudioUnit->setCurrentTrackedReadFrame(mCurrentFrame);
+    mOutputAudioUnit->setCurrentTrackedReadFrame(readerStart);
     bool started = false;
     try {
         started = mOutputAudioUnit->start();
@@ -160,6 +160,30 @@ bool VellExtendedAudioFilePlayer::startFilePlaying(Error* outError)
                                             "The output device did not start."));
     }
     return started;
+}
+
+Frame VellExtendedAudioFilePlayer::setReaderWithLeadIn(Frame frame)
+{
+    // After a count-in the music comes in on a beat: its first transient must sound on time,
+    // which from a fresh start it does not (the stretcher has no audio before it to analyse).
+    // The lead-in is long enough for the analysis to reach back over a window of real audio at
+    // every level and sample rate. Near the file's edge there is none: it would start the
+    // stretcher at another place than the start frame.
+    if (!preroll()) {
+        mFileReader->setCurrentFrame(frame);
+        mOutputAudioUnit->setLeadInFrames(0);
+        return frame;
+    }
+    constexpr Frame kLeadInFramesAt44k = 8192;
+    const Frame leadIn = mOutputAudioUnit->leadInFramesFor(
+        std::min<Frame>(kLeadInFramesAt44k * sampleRate() / 44100, 1 << 16));
+    const bool reverse = mOutputAudioUnit->isReverse();
+    frame = std::clamp<Frame>(frame, 0, std::max<Frame>(totalFrames() - 1, 0));
+    const Frame room = reverse ? totalFrames() - 1 - frame : frame;
+    const Frame lead = leadIn <= room ? leadIn : 0;
+    mFileReader->setCurrentFrame(reverse ? frame + lead : frame - lead);
+    mOutputAudioUnit->setLeadInFrames(lead);
+    return reverse ? frame + lead : frame - lead;
 }
 
 void VellExtendedAudioFilePlayer::stopFilePlaying()
@@ -487,17 +511,24 @@ bool VellExtendedAudioFilePlayer::writeSamplesInRange(Frame location, Frame leng
         return false;
     }
 
-    mDone = false;
     // Backwards the range is read from its last frame down.
     const bool reverse = mOutputAudioUnit->isReverse();
     const Frame first = reverse ? std::min(location + length, totalFrames()) - 1 : location;
-    mFileReader->setCurrentFrame(first);
+    // A count-in plays before the range, as long as the file frames it walks over.
+    const Frame countIn = preroll() && !reverse ? std::max<Frame>(0, first - prerollSampleStart())
+                                                : 0;
+    if (countIn > Frame(UINT32_MAX) - length) {
+        assignError(outError, makeUserError(kFailed, "The count-in is too long."));
+        return false;
+    }
+    mDone = false;
+    setReaderWithLeadIn(first);
     mFileReader->setWaitsForData(true);
     mFileReader->start();
     bool written = false;
     Error failure;
     try {
-        written = mOutputAudioUnit->writeSamples(std::uint32_t(length), path);
+        written = mOutputAudioUnit->writeSamples(std::uint32_t(length + countIn), path);
     } catch (const NSXException& exception) {
         failure = exception.error();
     } catch (const std::exception& exception) {
@@ -531,7 +562,7 @@ bool VellExtendedAudioFilePlayer::beginOfflineRendering(std::uint32_t maximumFra
                                             "Playback must be stopped first."));
         return false;
     }
-    mFileReader->setCurrentFrame(mCurrentFrame);
+    setReaderWithLeadIn(mCurrentFrame);
     mFileReader->setWaitsForData(readerWaits);
     mFileReader->start();
     try {

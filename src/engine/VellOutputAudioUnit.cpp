@@ -4,6 +4,7 @@
 #include "VellAudio/UserDefaults.h"
 #include "VellAudio/VellSlowingAudioQuality.h"
 #include "audio/graph/ResourceLocator.h"
+#include "audio/reader/BRIXAudioFileReader.h"
 #include "platform/device/BRIXAudioHardware.h"
 #include "support/CheckedCall.h"
 #include "support/Log.h"
@@ -395,20 +396,68 @@ void VellOutputAudioUnit::prepareToRender()
     mDone.store(false);
 }
 
+void VellOutputAudioUnit::setFileReader(BRIXAudioFileReader* reader) noexcept
+{
+    mFileReader = reader;
+    mAudioBufferQueue = reader;
+}
+
+Frame VellOutputAudioUnit::leadInFramesFor(Frame minimum) const
+{
+    if (minimum <= 0) {
+        return 0;
+    }
+    const double rate = currentRate();
+    const double blocks = std::ceil(double(minimum) / rate / double(kLeadInBlockFrames));
+    return Frame(std::ceil(blocks * double(kLeadInBlockFrames) * rate));
+}
+
 void VellOutputAudioUnit::warmUpStretcher()
 {
     mWarmupFrames = 0;
     mWarmupServed = 0;
-    if (mPreroll.load() || mAudioBufferQueue == nullptr || mWarmup.empty()) {
+    mPrimed = false;
+    if (mAudioBufferQueue == nullptr || mWarmup.empty()) {
         return;
+    }
+    // Nothing renders yet, so this thread may stand in for the render thread; unlike it, it
+    // waits for the reader's data.
+    const bool readerWaited = mFileReader != nullptr && mFileReader->waitsForData();
+    if (mFileReader != nullptr) {
+        mFileReader->setWaitsForData(true);
     }
     std::array<float*, AudioBufferList::kMaxBuffers> pointers{};
     for (UInt32 c = 0; c < mStreamDescription.mChannelsPerFrame; ++c) {
         pointers[c] = mWarmup.data() + std::size_t(c) * kWarmupFrames;
     }
-    // Nothing renders yet, so this thread may stand in for the render thread.
+    // The lead-in is made and dropped; the bookkeeping walks through it to the start frame.
+    const double rate = currentRate();
+    const Frame leadIn = Frame(std::floor(double(mLeadInFrames) / rate)) / kLeadInBlockFrames *
+                         kLeadInBlockFrames;
+    for (Frame made = 0; made < leadIn;) {
+        const auto n = UInt32(std::min<Frame>(leadIn - made, kWarmupFrames));
+        DiracProcess(pointers.data(), long(n), mDirac);
+        made += n;
+    }
+    if (leadIn > 0) {
+        const double wanted = double(leadIn) * rate + mConsumeCarry;
+        const auto whole = Frame(std::floor(wanted));
+        mConsumeCarry = wanted - double(whole);
+        mTracker.consumeFrames(whole, [](Frame, Frame) noexcept {});
+    }
+    mPrimedFrame = mTracker.readFrame();
+    mPrimedCarry = mConsumeCarry;
+    mPrimed = true;
+    mPublishedReadFrame.store(toReading(mPrimedFrame, mTrackerReverse));
+    if (mPreroll.load()) {
+        // A count-in walks from its own start, with a carry of its own.
+        mConsumeCarry = 0;
+    }
     DiracProcess(pointers.data(), long(kWarmupFrames), mDirac);
     mWarmupFrames = kWarmupFrames;
+    if (mFileReader != nullptr) {
+        mFileReader->setWaitsForData(readerWaited);
+    }
 }
 
 void VellOutputAudioUnit::stop()

@@ -33,6 +33,7 @@ inline constexpr UInt32 kMusicPlaybackMixerChannel = 0;
 inline constexpr UInt32 kMetronomeMixerChannel = 2;
 inline constexpr UInt32 kNoteEntryPlaybackMixerChannel = 3;
 
+class BRIXAudioFileReader;
 class VellOutputAudioUnit;
 
 /// Receives export progress. Thread: the exporting thread (the player hops to the main queue).
@@ -84,6 +85,8 @@ public:
     static constexpr UInt32 kDeviceMaximumFramesPerSlice = 8192;
     /// Stretched frames made before rendering starts.
     static constexpr UInt32 kWarmupFrames = 512;
+    /// Output frames the lead-in is made of a multiple of (a multiple of every hop size).
+    static constexpr Frame kLeadInBlockFrames = 4096;
 
     /// Builds the graph for a stream (sample rate and channel count of the file's client
     /// format). Raises "NSXError" when a graph call fails. Thread: main.
@@ -166,6 +169,18 @@ public:
     BRIXAudioBufferQueue* audioBufferQueue() const noexcept { return mAudioBufferQueue; }
     /// The queue the music is read from (not owned; it must outlive rendering).
     void setAudioBufferQueue(BRIXAudioBufferQueue* queue) noexcept { mAudioBufferQueue = queue; }
+    /// The reader as the queue of file audio; the start waits for its data while it makes the
+    /// stretcher's first frames (see setLeadInFrames).
+    void setFileReader(BRIXAudioFileReader* reader) noexcept;
+    /// File frames that the reader was set back (forward, reading in reverse) from the frame
+    /// where playback starts: when rendering starts, the stretcher runs through them unheard, so
+    /// that the music's first frames sound as they do in the middle of playback (a transient
+    /// on the start frame comes out on time). Thread: main, before start or offline rendering.
+    void setLeadInFrames(Frame frames) noexcept { mLeadInFrames = std::max<Frame>(frames, 0); }
+    /// The lead-in to ask for at the current rate: at least minimum file frames, walked over in
+    /// a whole number of kLeadInBlockFrames output frames, so that the stretcher's hops fall on
+    /// the music as they would had it started fresh at the start frame.
+    Frame leadInFramesFor(Frame minimum) const;
     /// Runs block on the notification worker once the end of the stream was fed to the
     /// stretcher. Thread: main, not while running.
     void setEndOfStreamNotificationBlock(std::function<void()> block);
@@ -246,9 +261,9 @@ private:
     /// Clears every unit, the stretcher and the isolation engine and loads the presets, before
     /// the graph renders (on the device or offline).
     void prepareToRender();
-    /// Makes the stretcher's first output frames on the calling thread, before the graph
-    /// renders, so that its start-up cost never lands in a render cycle. Not while counting in
-    /// (the count-in ends at the reader's frame, which pulling would move).
+    /// Runs the stretcher through the lead-in and makes its first output frames on the calling
+    /// thread, before the graph renders, so that its start-up cost never lands in a render
+    /// cycle.
     void warmUpStretcher();
 
     /// Schedules the notes (when notes is set) and beats at the reading positions [first,
@@ -334,6 +349,13 @@ private:
     std::vector<float> mWarmup;
     UInt32 mWarmupFrames = 0;
     UInt32 mWarmupServed = 0;
+    BRIXAudioFileReader* mFileReader = nullptr;
+    Frame mLeadInFrames = 0;
+    /// Whether warmUpStretcher left the bookkeeping at the start frame (reading coordinates)
+    /// with its carry, where a count-in then ends.
+    bool mPrimed = false;
+    Frame mPrimedFrame = 0;
+    double mPrimedCarry = 0;
 
     // Render thread only.
     FileRangeTracker mTracker;

@@ -180,12 +180,16 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
 
     if (mPreroll.load()) {
         // Count-in: the music stays silent while the bookkeeping walks from the count-in's
-        // start up to the reader's frame at the playback rate, so that the count-in's beats are
-        // scheduled where they fall; the music starts at the output frame where it arrives.
+        // start up to the frame where the music starts, at the playback rate, so that the
+        // count-in's beats are scheduled where they fall; the music starts at the output frame
+        // where it arrives.
         const double rate = currentRate();
         const bool reverse = mReverse.load();
+        // Where the music starts: where the stretcher was primed to, unless a seek came since.
+        const bool primed = mPrimed && mSeekSerial.load() == mAppliedSeekSerial;
         const Frame target =
-            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), reverse);
+            primed ? mPrimedFrame
+                   : toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), reverse);
         const Frame start = mPrerollSampleStart.load();
         const double carry = mConsumeCarry;
         const double exact = (double(target - start) - carry) / rate;
@@ -195,23 +199,26 @@ VELL_RT OSStatus VellOutputAudioUnit::renderMusic(AudioUnitRenderActionFlags* io
             const double wanted = double(frames) * rate + mConsumeCarry;
             advance = std::min<Frame>(Frame(std::floor(wanted)), target - start);
             mConsumeCarry = wanted - double(advance);
-        } else {
-            mConsumeCarry = 0;
         }
         mTrackerReverse = reverse;
         // The count-in's beats are scheduled as the music's would be (its notes are not).
         scheduleSpan(start, start + advance, -carry / rate, rate, false);
-        mTracker.reset(start + advance);
+        if (!primed) {
+            mTracker.reset(start + advance);
+        }
         mPrerollSampleStart.store(start + advance);
         zeroFrames(*ioData, 0, silent);
         if (silent == frames) {
             if (ioActionFlags != nullptr) {
                 *ioActionFlags &= kAudioUnitRenderAction_OutputIsSilence;
             }
-            mPublishedReadFrame.store(toReading(mTracker.readFrame(), reverse));
+            if (!primed) {
+                mPublishedReadFrame.store(toReading(mTracker.readFrame(), reverse));
+            }
             return noErr;
         }
         mPreroll.store(false);
+        mConsumeCarry = primed ? mPrimedCarry : 0;
         done = silent;
     }
 

@@ -131,9 +131,6 @@ std::vector<double> measureOffsets(const SyncCase& c)
             });
         attacks.push_back((beat - double(*nearest)) / rate * 1000.0);
     }
-    for (double a : attacks)
-        std::fprintf(stderr, "%.2f ", a);
-    std::fprintf(stderr, "\n");
     EXPECT_GE(attacks.size(), 4u);
     const double attack = median(attacks);
     EXPECT_LT(percentile(attacks, 0.95) - percentile(attacks, 0.05), 0.5) << "uneven attack";

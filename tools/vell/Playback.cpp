@@ -60,8 +60,9 @@ public:
             mPlayer.enableLoopingInRange(mSong.from, mSong.to - mSong.from);
         }
         // Backwards, the range plays from its end to its start.
-        mPlayer.setCurrentFrame(mPlayer.isReverse() ? mSong.to - 1 : mSong.from);
-        start();
+        const Frame first = mPlayer.isReverse() ? mSong.to - 1 : mSong.from;
+        mPlayer.setCurrentFrame(first);
+        start(first);
         if (mShowStatus) {
             std::printf("playing %s%s\n", mSong.name.c_str(),
                         mKeys.isActive() ? " (space pauses, q quits)" : "");
@@ -94,8 +95,10 @@ public:
     }
 
 private:
-    void start()
+    /// Starts playing at frame (where the player was just set), after the count-in if asked.
+    void start(Frame frame)
     {
+        armCountIn(mSong, frame);
         Error error;
         if (!mPlayer.startFilePlaying(&error)) {
             throw Failure(describe(mSong.name, error));
@@ -122,8 +125,9 @@ private:
     {
         if (mPaused) {
             // Resume where the listener stopped hearing, not where the reader had got to.
-            mPlayer.setCurrentFrame(mPlayer.currentFrame());
-            start();
+            const Frame heard = mPlayer.currentFrame();
+            mPlayer.setCurrentFrame(heard);
+            start(heard);
         } else {
             mPlayer.stopFilePlaying();
         }

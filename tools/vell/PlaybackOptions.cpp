@@ -12,6 +12,7 @@ constexpr double kMinimumSpeed = 0.125;
 constexpr double kMaximumSpeed = 8;
 constexpr long long kMaximumSemitones = 24;
 constexpr double kMaximumCents = 1200;
+constexpr long long kMaximumCountInBars = 64;
 
 CLI::Validator speedCheck()
 {
@@ -72,6 +73,12 @@ void addPlaybackOptions(CLI::App& command, PlaybackOptions& options, PlaybackUse
                           "where the --bpm grid's first beat falls (default 0)"))
         ->needs(bpm);
     grouped(command.add_flag("--metronome", options.metronome, "click on the beats"));
+    grouped(addParsedOption<long long>(
+                command, "--count-in", options.countIn,
+                [](std::string_view text) { return std::llround(*parseNumber(text)); },
+                "count in N bars of the song's beats before the music (turns on --metronome)"))
+        ->type_name("BARS")
+        ->check(wholeNumberIn(1, kMaximumCountInBars));
     grouped(command.add_flag("--notes", options.notes, "play the document's notes"));
     grouped(addIsolationOption(command, options.isolation));
     if (use == PlaybackUse::play) {
@@ -97,6 +104,9 @@ void checkPlaybackOptions(const PlaybackOptions& options)
 {
     if (options.from && options.to && *options.from >= *options.to) {
         throw UsageError("--from must come before --to");
+    }
+    if (options.countIn && options.speed < 0) {
+        throw UsageError("--count-in plays forwards only (the speed is negative)");
     }
 }
 

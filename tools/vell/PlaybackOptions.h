@@ -20,6 +20,7 @@ struct PlaybackOptions {
     std::optional<double> bpm;
     std::optional<double> firstBeat;
     bool metronome = false;
+    std::optional<long long> countIn; // bars of metronome before the music; turns it on
     bool notes = false;
     std::optional<IsolationOption> isolation;
     std::optional<double> volume; // linear music level; play only

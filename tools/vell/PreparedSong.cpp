@@ -4,6 +4,7 @@
 
 #include <VellAudio/UserDefaults.h>
 #include <VellAudio/VellPracticeDocument.h>
+#include <VellAudio/VellPrerollController.h>
 #include <VellAudio/VellSlowingAudioQuality.h>
 
 #include <cmath>
@@ -15,7 +16,20 @@ namespace vell::tool {
 namespace {
 
 constexpr std::string_view kDocumentSuffix = ".vell.json";
-constexpr const char* kNoGrid = "--metronome needs a beat grid: give --doc DOC.json or --bpm B";
+constexpr const char* kNoGrid = "needs a beat grid: give --doc DOC.json or --bpm B";
+/// The count-in takes its beat spacing from the song's first eight beats.
+constexpr std::size_t kCountInBeats = 8;
+
+/// Whether the beats are clicked: asked for, or to count in.
+bool wantsMetronome(const PlaybackOptions& options)
+{
+    return options.metronome || options.countIn;
+}
+
+Failure noGrid(const PlaybackOptions& options)
+{
+    return Failure(std::string(options.countIn ? "--count-in " : "--metronome ") + kNoGrid);
+}
 
 /// Selects the stretcher level for players made afterwards. The tool keeps its defaults in
 /// memory, so a command line never changes the preferences the user saved.
@@ -78,8 +92,8 @@ PreparedSong prepareSong(const std::string& path, const PlaybackOptions& options
         }
     }
     // Before decoding, which can take a while.
-    if (options.metronome && !options.bpm && !hasBeats(storage)) {
-        throw Failure(kNoGrid);
+    if (wantsMetronome(options) && !options.bpm && !hasBeats(storage)) {
+        throw noGrid(options);
     }
 
     Error error;
@@ -103,14 +117,18 @@ PreparedSong prepareSong(std::string name, std::shared_ptr<BRIXExtendedAudioFile
                          std::shared_ptr<VellNoteEntryStorage> storage,
                          const PlaybackOptions& options)
 {
-    if (options.metronome && !hasBeats(storage)) {
-        throw Failure(kNoGrid);
+    if (wantsMetronome(options) && !hasBeats(storage)) {
+        throw noGrid(options);
+    }
+    if (options.countIn && storage->beatEntries().size() < kCountInBeats) {
+        throw Failure("--count-in needs at least 8 beats in the document to take their spacing");
     }
     PreparedSong song;
     song.name = std::move(name);
     song.file = std::move(file);
     song.storage = std::move(storage);
     song.hasRange = options.from || options.to;
+    song.countInBars = options.countIn;
     song.to = song.file->frameCount();
     if (options.to) {
         song.to = frameOf(song, "--to", *options.to, song.file->frameCount());
@@ -135,7 +153,7 @@ PreparedSong prepareSong(std::string name, std::shared_ptr<BRIXExtendedAudioFile
     if (song.storage) {
         player.setNoteEntryStorage(song.storage);
     }
-    player.setMetronomeEnabled(options.metronome);
+    player.setMetronomeEnabled(wantsMetronome(options));
     player.setNoteEntryPlaybackLevel(options.notes ? 1.0f : 0.0f);
     if (options.isolation) {
         applyIsolation(player.tessalyInstance(), *options.isolation);
@@ -144,6 +162,27 @@ PreparedSong prepareSong(std::string name, std::shared_ptr<BRIXExtendedAudioFile
         player.setPlaybackLevel(static_cast<float>(*options.volume));
     }
     return song;
+}
+
+Frame armCountIn(PreparedSong& song, Frame frame)
+{
+    VellExtendedAudioFilePlayer& player = *song.player;
+    if (!song.countInBars || player.isReverse()) {
+        player.setPreroll(false);
+        return frame;
+    }
+    // Beats missing before the song's first one are added to the document (at negative frames
+    // when the count-in starts before the file does).
+    VellPrerollController preroll(song.storage, *song.countInBars);
+    preroll.clearArtificialBeatEntries();
+    if (preroll.requiresArtificialBeatEntriesForPrerollFrame(frame)) {
+        preroll.generateArtificialBeatEntriesForPrerollFrame(frame);
+    }
+    const Frame start = preroll.prerollFrameFor(frame);
+    player.setPrerollSampleStart(start);
+    player.setPrerollLoopStart(frame);
+    player.setPreroll(start < frame);
+    return start;
 }
 
 void applyIsolation(TessalyInstance* engine, const IsolationOption& option)

@@ -10,6 +10,7 @@
 #include <VellAudio/VellNoteEntryStorage.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace vell::tool {
@@ -22,6 +23,7 @@ struct PreparedSong {
     Frame from = 0; // the range, [from, to)
     Frame to = 0;
     bool hasRange = false; // --from or --to was given
+    std::optional<long long> countInBars; // --count-in
 };
 
 /// The song at path with its document: --doc, a --bpm grid, or FILE.vell.json beside the song
@@ -32,6 +34,11 @@ PreparedSong prepareSong(const std::string& path, const PlaybackOptions& options
 PreparedSong prepareSong(std::string name, std::shared_ptr<BRIXExtendedAudioFile> file,
                          std::shared_ptr<VellNoteEntryStorage> storage,
                          const PlaybackOptions& options);
+
+/// With --count-in, sets the player to count in before frame (the next start plays the
+/// count-in's beats, then the music from frame) and returns where the count-in starts; without,
+/// returns frame.
+Frame armCountIn(PreparedSong& song, Frame frame);
 
 /// Turns the isolation engine on with the settings given (others keep the engine's).
 void applyIsolation(TessalyInstance* engine, const IsolationOption& option);
