@@ -28,6 +28,9 @@ VELL_FUZZ_DECLARE(PracticeDocument);
 VELL_FUZZ_DECLARE(PracticeDocumentWrite);
 VELL_FUZZ_DECLARE(UserDefaults);
 VELL_FUZZ_DECLARE(UserDefaultsWrite);
+VELL_FUZZ_DECLARE(MP4Tags);
+VELL_FUZZ_DECLARE(MP4TagsWrite);
+VELL_FUZZ_DECLARE(ID3v2Tag);
 
 namespace {
 
@@ -111,6 +114,9 @@ const Target kTargets[] = {
     {"PracticeDocumentWrite", vellFuzzPracticeDocumentWrite},
     {"UserDefaults", vellFuzzUserDefaults},
     {"UserDefaultsWrite", vellFuzzUserDefaultsWrite},
+    {"MP4Tags", vellFuzzMP4Tags},
+    {"MP4TagsWrite", vellFuzzMP4TagsWrite},
+    {"ID3v2Tag", vellFuzzID3v2Tag},
 };
 
 INSTANTIATE_TEST_SUITE_P(Targets, FuzzRegressionTest, testing::ValuesIn(kTargets),
