@@ -68,6 +68,8 @@ fi
 if export_ok "$dir/tone.wav" -o "$dir/fast.M4A" --speed 2 --quality low; then
     probe "$dir/fast.M4A" | grep -x "codec_name=aac" >/dev/null || fail "m4a: $(probe "$dir/fast.M4A")"
     duration_near "$dir/fast.M4A" 2
+    ffprobe -v error -show_entries format_tags=comment -of default=nw=1:nk=1 "$dir/fast.M4A" |
+        grep -qx "vell: 200% speed, +0 semitones, +0 cents" || fail "m4a comment"
 fi
 
 # Formats: AIFF is 16-bit big-endian; a 48 kHz song is written at 44.1 kHz; all stereo.
@@ -109,6 +111,24 @@ assert len(got) == 6 and all(abs(t - (0.5 + k)) < 0.02 for k, t in enumerate(got
 PY
 fi
 
+# A count-in of one bar before 2.25 s on the same grid at half speed: four clicks a second
+# apart (the grid's beats from 0.25 s), then the range's; the file is the count-in longer.
+if export_ok "$dir/silence.wav" -o "$dir/countin.wav" --bpm 120 --first-beat 0.25 --count-in 1 \
+    --speed 0.5 --from 2.25 --to 2.75; then
+    duration_near "$dir/countin.wav" 5
+    /usr/bin/python3 - "$dir/countin.wav" <<'PY' || fail "count-in clicks"
+import sys, wave
+import numpy as np
+with wave.open(sys.argv[1]) as w:
+    x = np.abs(np.frombuffer(w.readframes(w.getnframes()), dtype='<i2') / 32768.0)
+    x = x.reshape(-1, 2).max(axis=1)
+loud = np.flatnonzero(x > 0.05)
+onsets = [loud[0]] + [b for a, b in zip(loud, loud[1:]) if b - a > 0.2 * 44100]
+got = [round(i / 44100, 2) for i in onsets]
+assert len(got) >= 5 and all(abs(t - k) < 0.02 for k, t in enumerate(got[:5])), got
+PY
+fi
+
 # Refusals. No file is left behind for a format the export cannot write.
 expect_status() { # STATUS ARGS...: vell must exit with STATUS and explain on stderr
     local want=$1
@@ -139,6 +159,7 @@ expect_status 2 export "$dir/tone.wav" -o "$dir/x.wav" --loop 0
 expect_status 2 export "$dir/tone.wav" -o "$dir/x.wav" --bpm 96 --doc "$dir/d.json"
 expect_status 2 export "$dir/tone.wav" -o "$dir/x.wav" --first-beat 1
 expect_status 2 export "$dir/tone.wav" -o "$dir/x.wav" --volume 1
+expect_status 2 export "$dir/tone.wav" -o "$dir/x.wav" --bpm 120 --count-in 1 --speed -1
 [ ! -e "$dir/x.wav" ] || fail "a refused command wrote x.wav"
 
 [ "$failures" = 0 ] || { echo "$failures failure(s)"; exit 1; }

@@ -3,6 +3,7 @@
 
 #include "Terminal.h"
 
+#include <VellAudio/SongTagEditing.h>
 #include <VellAudio/VellMainQueue.h>
 
 #include <algorithm>
@@ -66,6 +67,29 @@ std::string lowercaseExtension(const std::filesystem::path& path)
     return extension;
 }
 
+/// An M4A export carries the song's title, artist, album and cover, and says in its comment
+/// how it was changed. A tag that cannot be written costs a warning, not the export.
+void tagExport(const PreparedSong& song, const std::filesystem::path& exported)
+{
+    if (lowercaseExtension(exported) != ".m4a") {
+        return;
+    }
+    const VellExtendedAudioFilePlayer& player = *song.player;
+    char comment[160];
+    std::snprintf(comment, sizeof comment, "vell: %g%% speed%s, %+lld semitones, %+g cents",
+                  player.playbackSpeed() * 100, player.isReverse() ? " backwards" : "",
+                  player.transpositionInterval(), player.pitchAdjustment());
+    SongTagChanges changes;
+    changes.comment = comment;
+    Error error;
+    const bool fromFile = !song.file->path().empty();
+    if ((fromFile && !copySongTags(song.file->path(), exported, &error)) ||
+        !editMP4SongTagsSafely(exported, changes, &error)) {
+        std::fprintf(stderr, "vell: warning: %s\n",
+                     describe(exported.string() + ": the tags were not written", error).c_str());
+    }
+}
+
 } // namespace
 
 bool isExportPath(const std::filesystem::path& path)
@@ -95,9 +119,13 @@ void exportSong(PreparedSong& song, const std::filesystem::path& path,
         length = range * *loops;
     }
     player.setCurrentFrame(song.from);
+    const Frame countIn = song.from - armCountIn(song, song.from);
     const auto progress =
         std::make_shared<ExportProgress>(isTerminal(STDERR_FILENO), path.filename().string());
     player.setDelegate(progress);
+    player.setExportFinisher([&song](const std::filesystem::path& exported) {
+        tagExport(song, exported);
+    });
 
     // The export runs on a thread of its own while this one drains the main queue, where the
     // progress reports arrive, and watches for a stop signal.
@@ -128,7 +156,7 @@ void exportSong(PreparedSong& song, const std::filesystem::path& path,
         throw Failure("export cancelled");
     }
     const double speed = player.isReverse() ? -player.playbackSpeed() : player.playbackSpeed();
-    const double seconds = double(length) / song.file->sampleRate() / std::abs(speed);
+    const double seconds = double(length + countIn) / song.file->sampleRate() / std::abs(speed);
     std::printf("wrote %s: %.1f s, %gx, %lld st\n", path.c_str(), seconds, speed,
                 player.transpositionInterval());
 }
