@@ -59,6 +59,10 @@ public:
     /// before frame, or frame itself when no beat entry lies before it.
     Frame prerollFrameFor(Frame frame) const;
 
+    /// The four steps above in order: clears earlier artificial beats, adds those frame needs
+    /// and returns where its count-in begins.
+    Frame prepareCountInBefore(Frame frame);
+
 private:
     std::optional<std::size_t> indexOfBeatAtOrBefore(Frame frame) const;
     void markCountInDownbeats(Frame frame);

@@ -211,4 +211,13 @@ Frame VellPrerollController::prerollFrameFor(Frame frame) const
     return beats[firstCounted]->location();
 }
 
+Frame VellPrerollController::prepareCountInBefore(Frame frame)
+{
+    clearArtificialBeatEntries();
+    if (requiresArtificialBeatEntriesForPrerollFrame(frame)) {
+        generateArtificialBeatEntriesForPrerollFrame(frame);
+    }
+    return prerollFrameFor(frame);
+}
+
 } // namespace vell

@@ -81,12 +81,7 @@ CountInExport exportCountIn(const CountInCase& c, bool music, const std::filesys
     player->setPlaybackSpeed(c.speed);
 
     const auto from = Frame(c.fromSeconds * kRate);
-    VellPrerollController preroll(storage, c.bars);
-    preroll.clearArtificialBeatEntries();
-    if (preroll.requiresArtificialBeatEntriesForPrerollFrame(from)) {
-        preroll.generateArtificialBeatEntriesForPrerollFrame(from);
-    }
-    result.prerollStart = preroll.prerollFrameFor(from);
+    result.prerollStart = VellPrerollController(storage, c.bars).prepareCountInBefore(from);
     player->setCurrentFrame(from);
     player->setPrerollSampleStart(result.prerollStart);
     player->setPrerollLoopStart(from);

@@ -52,16 +52,6 @@ std::vector<Frame> locations(const VellNoteEntryStorage& storage, bool downbeats
     return frames;
 }
 
-/// The calls a player makes before counting in, returning where the count-in starts.
-Frame countIn(VellPrerollController& preroll, Frame frame)
-{
-    preroll.clearArtificialBeatEntries();
-    if (preroll.requiresArtificialBeatEntriesForPrerollFrame(frame)) {
-        preroll.generateArtificialBeatEntriesForPrerollFrame(frame);
-    }
-    return preroll.prerollFrameFor(frame);
-}
-
 TEST(VellPrerollController, CountsBeatEntriesPerBarAsTheStorageSubdividesEachMeter)
 {
     const std::vector<std::tuple<int, int, std::int64_t>> meters = {
@@ -92,7 +82,7 @@ TEST(VellPrerollController, ExtrapolatesBeatsBeforeTheFirstAndKeepsTheOneAtZero)
     auto storage = storageWithBeats(grid(1000, 1000, 16));
     VellPrerollController preroll(storage, 1);
     EXPECT_TRUE(preroll.requiresArtificialBeatEntriesForPrerollFrame(1000));
-    EXPECT_EQ(countIn(preroll, 1000), -7000);
+    EXPECT_EQ(preroll.prepareCountInBefore(1000), -7000);
     const std::vector<Frame> all = locations(*storage);
     EXPECT_EQ(std::vector<Frame>(all.begin(), all.begin() + 9), grid(-7000, 1000, 9));
     // Exactly a bar's worth lie before the frame. Bar starts are marked counting back from the
@@ -108,7 +98,7 @@ TEST(VellPrerollController, CountsInBeforeAFirstBeatThatComesLate)
     // 3/4: six entries a bar; two bars before frame 0 of a song whose first beat is at 4410.
     auto storage = storageWithBeats(grid(4410, 441, 24), 3, 4, 6);
     VellPrerollController preroll(storage, 2);
-    EXPECT_EQ(countIn(preroll, 0), 4410 - 12 * 441);
+    EXPECT_EQ(preroll.prepareCountInBefore(0), 4410 - 12 * 441);
     EXPECT_EQ(locations(*storage).front(), 4410 - 12 * 441);
     EXPECT_EQ(storage->beatEntries().size(), 36u);
     EXPECT_EQ(locations(*storage, true),
@@ -122,7 +112,7 @@ TEST(VellPrerollController, UsesTheSongsOwnBeatsFarIntoTheSong)
     VellPrerollController preroll(storage, 2);
     EXPECT_FALSE(preroll.requiresArtificialBeatEntriesForPrerollFrame(20000));
     // 40 beats lie before 20000 (its own beat is not counted); the count-in is their last 16.
-    EXPECT_EQ(countIn(preroll, 20000), 12000);
+    EXPECT_EQ(preroll.prepareCountInBefore(20000), 12000);
     EXPECT_EQ(storage->beatEntries().size(), 64u);
     // With no beat before the frame the count-in starts at the frame itself.
     EXPECT_EQ(VellPrerollController(storageWithBeats({}), 1).prerollFrameFor(1234), 1234);
@@ -134,7 +124,7 @@ TEST(VellPrerollController, AnchorsDownbeatsOnlyStrictlyAfterTheFrame)
     // bar starts are counted back from index 16.
     auto storage = storageWithBeats(grid(1000, 1000, 24));
     VellPrerollController preroll(storage, 2);
-    countIn(preroll, 9000);
+    preroll.prepareCountInBefore(9000);
     const std::vector<Frame> downbeats = locations(*storage, true);
     EXPECT_EQ(downbeats, (std::vector<Frame>{1000, 9000, 17000}));
     EXPECT_EQ(storage->beatEntries().front()->location(), -7000);
@@ -145,17 +135,17 @@ TEST(VellPrerollController, RefusesWhatItCannotCountInAndSaysSo)
     LogCapture log;
     auto few = storageWithBeats(grid(1000, 1000, 7));
     VellPrerollController tooFew(few, 1);
-    EXPECT_EQ(countIn(tooFew, 1000), 1000);
+    EXPECT_EQ(tooFew.prepareCountInBefore(1000), 1000);
     EXPECT_EQ(few->beatEntries().size(), 7u);
 
     auto overflowing = storageWithBeats({0, 1, 2, 3, 4, 5, 6, LLONG_MAX / 2});
     VellPrerollController wide(overflowing, 4);
-    countIn(wide, 0);
+    wide.prepareCountInBefore(0);
     EXPECT_EQ(overflowing->beatEntries().size(), 8u);
 
     VellPrerollController huge(storageWithBeats(grid(0, 100, 8)), LLONG_MAX);
     EXPECT_FALSE(huge.countInBeatCount());
-    EXPECT_EQ(countIn(huge, 50), 50);
+    EXPECT_EQ(huge.prepareCountInBefore(50), 50);
     EXPECT_EQ(log.lines().size(), 3u);
 }
 

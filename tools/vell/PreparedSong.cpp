@@ -173,12 +173,8 @@ Frame armCountIn(PreparedSong& song, Frame frame)
     }
     // Beats missing before the song's first one are added to the document (at negative frames
     // when the count-in starts before the file does).
-    VellPrerollController preroll(song.storage, *song.countInBars);
-    preroll.clearArtificialBeatEntries();
-    if (preroll.requiresArtificialBeatEntriesForPrerollFrame(frame)) {
-        preroll.generateArtificialBeatEntriesForPrerollFrame(frame);
-    }
-    const Frame start = preroll.prerollFrameFor(frame);
+    const Frame start = VellPrerollController(song.storage, *song.countInBars)
+                            .prepareCountInBefore(frame);
     player.setPrerollSampleStart(start);
     player.setPrerollLoopStart(frame);
     player.setPreroll(start < frame);
