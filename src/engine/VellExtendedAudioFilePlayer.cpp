@@ -28,7 +28,7 @@ public:
     void outputAudioUnitDidUpdateProgress(VellOutputAudioUnit&, double progress) override
     {
         MainQueue::main().async([player = mPlayer, progress] {
-            if (auto self = player.lock()) {
+            if (auto self = player.lock(); self && *self) {
                 if (auto delegate = (*self)->delegate().lock()) {
                     delegate->audioFilePlayerDidUpdateExportProgress(**self, progress);
                 }
@@ -106,9 +106,10 @@ bool VellExtendedAudioFilePlayer::setUp(Error* outError)
     std::weak_ptr<VellExtendedAudioFilePlayer*> weakSelf = mSelf;
     mOutputAudioUnit->setEndOfStreamNotificationBlock([weakSelf] {
         MainQueue::main().async([weakSelf] {
-            if (auto self = weakSelf.lock()) {
-                (*self)->notifyDelegateOfEOF();
+            if (auto self = weakSelf.lock(); self && *self) {
                 (*self)->mOutputAudioUnit->stop();
+                // Last: the delegate may destroy the player.
+                (*self)->notifyDelegateOfEOF();
             }
         });
     });
@@ -117,6 +118,8 @@ bool VellExtendedAudioFilePlayer::setUp(Error* outError)
 
 VellExtendedAudioFilePlayer::~VellExtendedAudioFilePlayer()
 {
+    // A main-queue task in progress may still hold the handle: it must see the player gone.
+    *mSelf = nullptr;
     mSelf.reset();
     endOfflineRendering();
     if (mOutputAudioUnit) {

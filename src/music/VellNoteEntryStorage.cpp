@@ -2,7 +2,7 @@
 #include "VellAudio/VellNoteEntryStorage.h"
 
 #include "music/MusicError.h"
-#include "platform/NotificationCenter.h"
+#include "VellAudio/NotificationCenter.h"
 #include "support/Format.h"
 
 #include <algorithm>

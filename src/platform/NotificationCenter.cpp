@@ -1,5 +1,5 @@
 // The notification centre: observers by name and sender, tokens that unregister on release.
-#include "platform/NotificationCenter.h"
+#include "VellAudio/NotificationCenter.h"
 
 #include "support/ReleaseToken.h"
 

@@ -2,7 +2,7 @@
 // beat filtering by time signature and the bpm beat grid.
 #include "StorageBuilders.h"
 
-#include "platform/NotificationCenter.h"
+#include "VellAudio/NotificationCenter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Notification centre: filtering, order, tokens, changes made during a delivery, threads.
-#include "platform/NotificationCenter.h"
+#include "VellAudio/NotificationCenter.h"
 
 #include <gtest/gtest.h>
 

@@ -42,6 +42,7 @@ std::unique_ptr<NullOutputStream> NullOutputStream::open(double sampleRate, doub
         stream->mChannels.push_back(stream->mScratch.data() +
                                     static_cast<std::size_t>(c) * stream->mDeviceFrames);
     }
+    stream->mCapture = NullDeviceCapture::installed();
     return stream;
 }
 
@@ -77,6 +78,55 @@ OSStatus NullOutputStream::stop()
 VELL_RT void NullOutputStream::renderCycle() noexcept
 {
     mRenderer.render(mChannels.data(), mDeviceFrames);
+    if (mCapture) {
+        mCapture->append(mChannels.data(), static_cast<std::uint32_t>(mChannels.size()),
+                         mDeviceFrames);
+    }
+}
+
+namespace {
+std::shared_ptr<NullDeviceCapture>& installedCapture()
+{
+    static std::shared_ptr<NullDeviceCapture> capture;
+    return capture;
+}
+} // namespace
+
+NullDeviceCapture::NullDeviceCapture(std::uint32_t channelCount, std::size_t capacityFrames)
+    : mChannelCount(channelCount), mCapacity(capacityFrames),
+      mSamples(capacityFrames * channelCount, 0.0f)
+{
+}
+
+void NullDeviceCapture::install(std::shared_ptr<NullDeviceCapture> capture)
+{
+    installedCapture() = std::move(capture);
+}
+
+std::shared_ptr<NullDeviceCapture> NullDeviceCapture::installed()
+{
+    return installedCapture();
+}
+
+VELL_RT void NullDeviceCapture::append(const float* const* channels, std::uint32_t channelCount,
+                                       std::uint32_t frames) noexcept
+{
+    const std::size_t start = mFrames.load(std::memory_order_relaxed);
+    const std::size_t n = std::min<std::size_t>(frames, mCapacity - start);
+    for (std::uint32_t c = 0; c < std::min(channelCount, mChannelCount); ++c) {
+        std::copy_n(channels[c], n, mSamples.begin() + static_cast<std::ptrdiff_t>(c * mCapacity + start));
+    }
+    mFrames.store(start + n, std::memory_order_release);
+}
+
+std::vector<float> NullDeviceCapture::channel(std::uint32_t index) const
+{
+    const std::size_t frames = mFrames.load(std::memory_order_acquire);
+    if (index >= mChannelCount) {
+        return {};
+    }
+    const auto begin = mSamples.begin() + static_cast<std::ptrdiff_t>(index * mCapacity);
+    return std::vector<float>(begin, begin + static_cast<std::ptrdiff_t>(frames));
 }
 
 void NullOutputStream::run() noexcept

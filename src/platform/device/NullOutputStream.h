@@ -14,6 +14,28 @@
 
 namespace vell::detail {
 
+/// What the null device played, for tests: the first frames of every stream opened while the
+/// capture is installed, up to a capacity fixed in advance (the render thread only copies).
+class NullDeviceCapture {
+public:
+    NullDeviceCapture(std::uint32_t channelCount, std::size_t capacityFrames);
+    /// Installs capture for the streams opened from now on (null: none). Thread: main.
+    static void install(std::shared_ptr<NullDeviceCapture> capture);
+    static std::shared_ptr<NullDeviceCapture> installed();
+    /// Thread: render. Wait-free, no allocation; frames past the capacity are dropped.
+    VELL_RT void append(const float* const* channels, std::uint32_t channelCount,
+                        std::uint32_t frames) noexcept;
+    /// The frames captured so far of one channel. Thread: any, after the stream stopped.
+    std::vector<float> channel(std::uint32_t index) const;
+    std::size_t frameCount() const noexcept { return mFrames.load(); }
+
+private:
+    std::uint32_t mChannelCount;
+    std::size_t mCapacity;
+    std::vector<float> mSamples; // channel after channel, mCapacity frames each
+    std::atomic<std::size_t> mFrames{0};
+};
+
 class NullOutputStream final : public AudioOutputStream {
 public:
     /// A stream at sampleRate on a null device running at deviceRate (0: the stream's rate;
@@ -60,6 +82,7 @@ private:
     std::atomic<bool> mRunning{false};
     std::atomic<bool> mStopRequested{false};
     std::atomic<std::uint64_t> mSkippedCycles{0};
+    std::shared_ptr<NullDeviceCapture> mCapture;
     std::thread mThread;
 };
 
