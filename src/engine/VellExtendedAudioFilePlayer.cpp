@@ -182,7 +182,14 @@ Frame VellExtendedAudioFilePlayer::setReaderWithLeadIn(Frame frame)
         std::min<Frame>(kLeadInFramesAt44k * sampleRate() / 44100, 1 << 16));
     const bool reverse = mOutputAudioUnit->isReverse();
     frame = std::clamp<Frame>(frame, 0, std::max<Frame>(totalFrames() - 1, 0));
-    const Frame room = reverse ? totalFrames() - 1 - frame : frame;
+    Frame room = reverse ? totalFrames() - 1 - frame : frame;
+    if (isLooping()) {
+        // A looping reader never leaves its loop: the lead-in must lie within it too.
+        const auto [location, length] = loopRange();
+        if (frame >= location && frame < location + length) {
+            room = reverse ? location + length - 1 - frame : frame - location;
+        }
+    }
     const Frame lead = leadIn <= room ? leadIn : 0;
     mFileReader->setCurrentFrame(reverse ? frame + lead : frame - lead);
     mOutputAudioUnit->setLeadInFrames(lead);

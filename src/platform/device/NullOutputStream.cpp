@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <pthread.h>
+#include <utility>
 
 namespace vell::detail {
 
@@ -42,7 +43,7 @@ std::unique_ptr<NullOutputStream> NullOutputStream::open(double sampleRate, doub
         stream->mChannels.push_back(stream->mScratch.data() +
                                     static_cast<std::size_t>(c) * stream->mDeviceFrames);
     }
-    stream->mCapture = NullDeviceCapture::installed();
+    stream->mCapture = NullDeviceCapture::take();
     return stream;
 }
 
@@ -103,9 +104,9 @@ void NullDeviceCapture::install(std::shared_ptr<NullDeviceCapture> capture)
     installedCapture() = std::move(capture);
 }
 
-std::shared_ptr<NullDeviceCapture> NullDeviceCapture::installed()
+std::shared_ptr<NullDeviceCapture> NullDeviceCapture::take()
 {
-    return installedCapture();
+    return std::exchange(installedCapture(), nullptr);
 }
 
 VELL_RT void NullDeviceCapture::append(const float* const* channels, std::uint32_t channelCount,

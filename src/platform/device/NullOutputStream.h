@@ -14,14 +14,15 @@
 
 namespace vell::detail {
 
-/// What the null device played, for tests: the first frames of every stream opened while the
-/// capture is installed, up to a capacity fixed in advance (the render thread only copies).
+/// What the null device played, for tests: the first frames of the next stream opened after
+/// the capture is installed, up to a capacity fixed in advance (the render thread only copies).
 class NullDeviceCapture {
 public:
     NullDeviceCapture(std::uint32_t channelCount, std::size_t capacityFrames);
-    /// Installs capture for the streams opened from now on (null: none). Thread: main.
+    /// Installs capture for the next stream opened (null: none). Thread: main.
     static void install(std::shared_ptr<NullDeviceCapture> capture);
-    static std::shared_ptr<NullDeviceCapture> installed();
+    /// The capture installed, which the caller takes over (none is left installed).
+    static std::shared_ptr<NullDeviceCapture> take();
     /// Thread: render. Wait-free, no allocation; frames past the capacity are dropped.
     VELL_RT void append(const float* const* channels, std::uint32_t channelCount,
                         std::uint32_t frames) noexcept;
