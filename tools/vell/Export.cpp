@@ -21,42 +21,25 @@ namespace {
 /// Draws the export's progress from the player's reports (which arrive on the main queue).
 class ExportProgress : public VellExtendedAudioFilePlayerDelegate {
 public:
-    ExportProgress(bool visible, std::string label) : mVisible(visible), mLabel(std::move(label)) {}
+    explicit ExportProgress(const std::string& name) : mBar("exporting " + name) {}
 
     void audioFilePlayerDidUpdateExportProgress(VellExtendedAudioFilePlayer& /*player*/,
                                                 double progress) override
     {
-        show(progress);
+        mBar.show(progress);
     }
 
     /// Ends the bar, full when the export completed.
     void finish(bool completed)
     {
         if (completed) {
-            show(1.0);
+            mBar.show(1.0);
         }
-        mLine.finish();
+        mBar.finish();
     }
 
 private:
-    void show(double progress)
-    {
-        const int percent = static_cast<int>(std::clamp(progress, 0.0, 1.0) * 100);
-        if (!mVisible || percent == mPercent) {
-            return;
-        }
-        mPercent = percent;
-        constexpr int kWidth = 30;
-        const int filled = percent * kWidth / 100;
-        mLine.show("exporting " + mLabel + " [" + std::string(std::size_t(filled), '#') +
-                   std::string(std::size_t(kWidth - filled), '-') + "] " + std::to_string(percent) +
-                   "%");
-    }
-
-    bool mVisible;
-    std::string mLabel;
-    int mPercent = -1;
-    StatusLine mLine{stderr};
+    ProgressBar mBar;
 };
 
 std::string lowercaseExtension(const std::filesystem::path& path)
@@ -120,12 +103,10 @@ void exportSong(PreparedSong& song, const std::filesystem::path& path,
     }
     player.setCurrentFrame(song.from);
     const Frame countIn = song.from - armCountIn(song, song.from);
-    const auto progress =
-        std::make_shared<ExportProgress>(isTerminal(STDERR_FILENO), path.filename().string());
+    const auto progress = std::make_shared<ExportProgress>(path.filename().string());
     player.setDelegate(progress);
-    player.setExportFinisher([&song](const std::filesystem::path& exported) {
-        tagExport(song, exported);
-    });
+    player.setExportFinisher(
+        [&song](const std::filesystem::path& exported) { tagExport(song, exported); });
 
     // The export runs on a thread of its own while this one drains the main queue, where the
     // progress reports arrive, and watches for a stop signal.

@@ -1,16 +1,19 @@
 // A song made ready to play or export: decoded, with its document and a player set up from the
 // playback options.
 #include "PreparedSong.h"
+#include "Terminal.h"
 
 #include <VellAudio/UserDefaults.h>
 #include <VellAudio/VellPracticeDocument.h>
 #include <VellAudio/VellPrerollController.h>
 #include <VellAudio/VellSlowingAudioQuality.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
+#include <unistd.h>
 
 namespace vell::tool {
 namespace {
@@ -31,32 +34,48 @@ Failure noGrid(const PlaybackOptions& options)
     return Failure(std::string(options.countIn ? "--count-in " : "--metronome ") + kNoGrid);
 }
 
-/// Selects the stretcher level for players made afterwards. The tool keeps its defaults in
-/// memory, so a command line never changes the preferences the user saved.
-void useStretchQuality(StretchQuality quality)
+std::shared_ptr<VellPracticeDocument> readDocument(const std::filesystem::path& path)
 {
-    UserDefaults::setStandard(UserDefaults::makeInMemory());
-    switch (quality) {
-    case StretchQuality::best:
-        VellSlowingAudioQuality::setDefaultAudioQuality(VellSlowingAudioQuality::bestQuality());
-        break;
-    case StretchQuality::good:
-        VellSlowingAudioQuality::setDefaultAudioQuality(VellSlowingAudioQuality::goodQuality());
-        break;
-    case StretchQuality::low:
-        VellSlowingAudioQuality::setDefaultAudioQuality(VellSlowingAudioQuality::lowQuality());
-        break;
+    auto document = std::make_shared<VellPracticeDocument>();
+    Error error;
+    if (!document->readFromFile(path, &error)) {
+        throw Failure(describe(path.string(), error));
     }
+    return document;
 }
 
-std::shared_ptr<VellNoteEntryStorage> readDocument(const std::string& path)
+/// The document chosen without the audio: --doc, or FILE.vell.json beside the song unless
+/// --bpm asks for a grid.
+std::optional<SongDocument> documentWithoutAudio(const std::string& path,
+                                                 const PlaybackOptions& options)
 {
-    VellPracticeDocument document;
-    Error error;
-    if (!document.readFromFile(path, &error)) {
-        throw Failure(describe(path, error));
+    if (options.document) {
+        return SongDocument{
+            readDocument(*options.document), *options.document, DocumentOrigin::doc, {}};
     }
-    return document.noteEntryStorage();
+    if (options.bpm) {
+        return std::nullopt;
+    }
+    const std::filesystem::path beside = besideDocumentPath(path);
+    if (std::error_code ignored; std::filesystem::is_regular_file(beside, ignored)) {
+        return SongDocument{readDocument(beside), beside, DocumentOrigin::beside, {}};
+    }
+    return std::nullopt;
+}
+
+/// Whether a beside document is an analysis left as it was, of other audio or by an older
+/// analysis: then a new analysis serves better.
+bool isStaleAnalysis(const VellPracticeDocument& document, const BRIXExtendedAudioFile& file)
+{
+    if (!VellSongAnalysis::isUneditedAnalysis(document)) {
+        return false;
+    }
+    const auto version =
+        document.settings()
+            .value(std::string(VellSongAnalysis::kSettingsKey), nlohmann::json::object())
+            .value("version", 0);
+    return version != VellSongAnalysis::kVersion ||
+           VellSongAnalysis::analyzedAudioDigest(document) != VellSongAnalysis::audioDigest(file);
 }
 
 bool hasBeats(const std::shared_ptr<VellNoteEntryStorage>& storage)
@@ -80,19 +99,112 @@ Frame frameOf(const PreparedSong& song, const char* option, double seconds, Fram
 
 } // namespace
 
-PreparedSong prepareSong(const std::string& path, const PlaybackOptions& options)
+void useStretchQuality(StretchQuality quality)
 {
-    std::shared_ptr<VellNoteEntryStorage> storage;
-    if (options.document) {
-        storage = readDocument(*options.document);
-    } else if (!options.bpm) {
-        const std::string beside = path + std::string(kDocumentSuffix);
-        if (std::error_code ignored; std::filesystem::is_regular_file(beside, ignored)) {
-            storage = readDocument(beside);
+    UserDefaults::setStandard(UserDefaults::makeInMemory());
+    switch (quality) {
+    case StretchQuality::best:
+        VellSlowingAudioQuality::setDefaultAudioQuality(VellSlowingAudioQuality::bestQuality());
+        break;
+    case StretchQuality::good:
+        VellSlowingAudioQuality::setDefaultAudioQuality(VellSlowingAudioQuality::goodQuality());
+        break;
+    case StretchQuality::low:
+        VellSlowingAudioQuality::setDefaultAudioQuality(VellSlowingAudioQuality::lowQuality());
+        break;
+    }
+}
+
+const char* originName(DocumentOrigin origin)
+{
+    switch (origin) {
+    case DocumentOrigin::doc:
+        return "doc";
+    case DocumentOrigin::beside:
+        return "beside";
+    case DocumentOrigin::cache:
+        return "cache";
+    case DocumentOrigin::analysis:
+        return "analysis";
+    case DocumentOrigin::bpm:
+        return "bpm";
+    case DocumentOrigin::none:
+        return "none";
+    }
+    return "none";
+}
+
+std::filesystem::path besideDocumentPath(const std::string& path)
+{
+    return path + std::string(kDocumentSuffix);
+}
+
+std::optional<VellSongAnalysisResult> analyzeWithProgress(const BRIXExtendedAudioFile& file,
+                                                          const std::string& name)
+{
+    ProgressBar bar("analysing " + std::filesystem::path(name).filename().string());
+    StopSignals stop;
+    Error error;
+    auto result = VellSongAnalysis::analyzeFile(
+        file,
+        [&](double fraction) {
+            bar.show(fraction);
+            return !stop.caught();
+        },
+        &error);
+    if (!result && !stop.caught()) {
+        throw Failure(describe(name, error));
+    }
+    return result;
+}
+
+SongDocument findSongDocument(const std::string& path, const BRIXExtendedAudioFile& file,
+                              const PlaybackOptions& options)
+{
+    if (auto found = documentWithoutAudio(path, options)) {
+        if (found->origin != DocumentOrigin::beside || !isStaleAnalysis(*found->document, file)) {
+            return std::move(*found);
         }
     }
-    // Before decoding, which can take a while.
-    if (wantsMetronome(options) && !options.bpm && !hasBeats(storage)) {
+    SongDocument song;
+    song.savePath =
+        options.document ? std::filesystem::path(*options.document) : besideDocumentPath(path);
+    if (options.bpm) {
+        Error error;
+        auto document = VellPracticeDocument::documentWithBeatGrid(
+            *options.bpm, options.firstBeat.value_or(0), file.frameCount(), file.sampleRate(),
+            &error);
+        if (!document) {
+            throw Failure(describe("--bpm", error));
+        }
+        song.document = std::make_shared<VellPracticeDocument>(std::move(*document));
+        song.origin = DocumentOrigin::bpm;
+        return song;
+    }
+    if (auto cached = VellSongAnalysis::cachedDocument(VellSongAnalysis::audioDigest(file))) {
+        song.document = std::make_shared<VellPracticeDocument>(std::move(*cached));
+        song.origin = DocumentOrigin::cache;
+        return song;
+    }
+    auto result = analyzeWithProgress(file, path);
+    if (!result) {
+        return song; // cancelled: no document
+    }
+    // A cache that cannot be written only costs the next open another analysis.
+    VellSongAnalysis::storeInCache(result->document);
+    song.document = std::make_shared<VellPracticeDocument>(std::move(result->document));
+    song.remarks = std::move(result->remarks);
+    song.origin = DocumentOrigin::analysis;
+    return song;
+}
+
+PreparedSong prepareSong(const std::string& path, const PlaybackOptions& options)
+{
+    // A document given or found is read, and its grid checked, before decoding, which can take
+    // a while.
+    std::optional<SongDocument> early = documentWithoutAudio(path, options);
+    if (early && early->origin == DocumentOrigin::doc && wantsMetronome(options) &&
+        !hasBeats(early->document->noteEntryStorage())) {
         throw noGrid(options);
     }
 
@@ -101,16 +213,14 @@ PreparedSong prepareSong(const std::string& path, const PlaybackOptions& options
     if (!file) {
         throw Failure(describe(path, error));
     }
-    if (options.bpm) {
-        auto document = VellPracticeDocument::documentWithBeatGrid(
-            *options.bpm, options.firstBeat.value_or(0), file->frameCount(), file->sampleRate(),
-            &error);
-        if (!document) {
-            throw Failure(describe("--bpm", error));
-        }
-        storage = document->noteEntryStorage();
+    SongDocument found =
+        early && (early->origin == DocumentOrigin::doc || !isStaleAnalysis(*early->document, *file))
+            ? std::move(*early)
+            : findSongDocument(path, *file, options);
+    if (found.origin == DocumentOrigin::none) {
+        throw Failure(path + ": analysis cancelled");
     }
-    return prepareSong(path, std::move(file), std::move(storage), options);
+    return prepareSong(path, std::move(file), found.document->noteEntryStorage(), options);
 }
 
 PreparedSong prepareSong(std::string name, std::shared_ptr<BRIXExtendedAudioFile> file,
@@ -173,8 +283,8 @@ Frame armCountIn(PreparedSong& song, Frame frame)
     }
     // Beats missing before the song's first one are added to the document (at negative frames
     // when the count-in starts before the file does).
-    const Frame start = VellPrerollController(song.storage, *song.countInBars)
-                            .prepareCountInBefore(frame);
+    const Frame start =
+        VellPrerollController(song.storage, *song.countInBars).prepareCountInBefore(frame);
     player.setPrerollSampleStart(start);
     player.setPrerollLoopStart(frame);
     player.setPreroll(start < frame);
