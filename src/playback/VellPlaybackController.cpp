@@ -23,7 +23,8 @@ namespace {
 
 constexpr std::chrono::nanoseconds kFrameUpdateInterval{8'333'333}; // 120 Hz
 constexpr std::string_view kBadAudioFileDescription = "Bad Audio File";
-constexpr std::string_view kBadAudioFileSuggestion = "There was an error while loading the audio file.";
+constexpr std::string_view kBadAudioFileSuggestion =
+    "There was an error while loading the audio file.";
 constexpr std::string_view kRecoverySuggestionKey = "NSLocalizedRecoverySuggestion";
 
 const KeyDependencies& controllerKeyDependencies()
@@ -74,7 +75,8 @@ Frame saturatedFrame(double frames)
 
 /// The repeating timer of the frame updates.
 struct VellPlaybackController::Timer {
-    explicit Timer(RepeatingTimer::Handler handler) : timer(kFrameUpdateInterval, std::move(handler))
+    explicit Timer(RepeatingTimer::Handler handler)
+        : timer(kFrameUpdateInterval, std::move(handler))
     {
     }
     RepeatingTimer timer;
@@ -82,8 +84,7 @@ struct VellPlaybackController::Timer {
 
 // ---- Construction and teardown.
 
-VellPlaybackController::VellPlaybackController(PrivateTag)
-    : Observable(controllerKeyDependencies())
+VellPlaybackController::VellPlaybackController(PrivateTag) : Observable(controllerKeyDependencies())
 {
 }
 
@@ -118,8 +119,8 @@ VellPlaybackController::createWithAudioFile(std::shared_ptr<BRIXExtendedAudioFil
                                             Error* outError)
 {
     auto controller = std::make_shared<VellPlaybackController>(PrivateTag{});
-    if (!audioFile || !controller->setUp(std::move(audioFile), std::move(noteEntryStorage),
-                                         outError)) {
+    if (!audioFile ||
+        !controller->setUp(std::move(audioFile), std::move(noteEntryStorage), outError)) {
         if (!audioFile) {
             assignError(outError, badAudioFileError(std::nullopt));
         }
@@ -150,8 +151,8 @@ bool VellPlaybackController::setUp(std::shared_ptr<BRIXExtendedAudioFile> audioF
     }
 
     std::weak_ptr<VellPlaybackController> weak = weak_from_this();
-    mDefaultOutputDeviceListener = BRIXAudioHardware::shared().addDefaultOutputDeviceListener(
-        [weak] {
+    mDefaultOutputDeviceListener =
+        BRIXAudioHardware::shared().addDefaultOutputDeviceListener([weak] {
             if (auto self = weak.lock()) {
                 self->defaultOutputDeviceDidChange();
             }
@@ -225,12 +226,10 @@ void VellPlaybackController::observeStorage()
         KeyChangeScope change(self, "barBeatIndex");
         self.mBeatLocator.updateWithNoteEntryStorage(*self.mNoteEntryStorage);
     });
-    observe(storage.didChangeKeyEntriesSignal(), [](VellPlaybackController& self) {
-        KeyChangeScope change(self, "songKeyTonicChord");
-    });
-    observe(storage.didChangeTempoEntriesSignal(), [](VellPlaybackController& self) {
-        KeyChangeScope change(self, "playbackTempo");
-    });
+    observe(storage.didChangeKeyEntriesSignal(),
+            [](VellPlaybackController& self) { KeyChangeScope change(self, "songKeyTonicChord"); });
+    observe(storage.didChangeTempoEntriesSignal(),
+            [](VellPlaybackController& self) { KeyChangeScope change(self, "playbackTempo"); });
     observe(storage.didChangeTimeSignatureEntriesSignal(), [](VellPlaybackController& self) {
         KeyChangeScope change(self, "timeSignature");
         // Bars follow the time signature.
@@ -287,8 +286,8 @@ void VellPlaybackController::startFilePlaying()
     startFilePlayingWithLoop(false, VellFrameRange{}, shouldAlwaysPrerollPlayback());
 }
 
-bool VellPlaybackController::startFilePlayingWithLoop(bool loop, VellFrameRange range,
-                                                      bool preroll, Error* outError)
+bool VellPlaybackController::startFilePlayingWithLoop(bool loop, VellFrameRange range, bool preroll,
+                                                      Error* outError)
 {
     // A delegate may drop the last reference to this controller from inside its calls.
     const auto keepAlive = weak_from_this().lock();
@@ -308,7 +307,8 @@ bool VellPlaybackController::startFilePlayingWithLoop(bool loop, VellFrameRange 
     VellOutputAudioUnit& unit = mPlayer->outputAudioUnit();
     unit.setNoteEntryStorage(mNoteEntryStorage);
     unit.setMetronomeEnabled(mMetronomeEnabled);
-    unit.setMetronomeInstrument(VellMetronomeInstrument::instrumentWithIdentifier(mMetronomeInstrument));
+    unit.setMetronomeInstrument(
+        VellMetronomeInstrument::instrumentWithIdentifier(mMetronomeInstrument));
     unit.setMetronomeAccentsDownbeat(mMetronomeAccentsDownbeat);
 
     if (!loop || range.length == 0) {
@@ -613,9 +613,9 @@ std::uint64_t VellPlaybackController::channelCount() const
 
 Frame VellPlaybackController::stepAllowance() const
 {
-    return isPlaying() ? static_cast<Frame>(static_cast<double>(sampleRate()) *
-                                            kStepAllowanceSeconds)
-                       : 0;
+    return isPlaying()
+               ? static_cast<Frame>(static_cast<double>(sampleRate()) * kStepAllowanceSeconds)
+               : 0;
 }
 
 // ---- Levels.
@@ -724,8 +724,9 @@ void VellPlaybackController::setPlaybackSpeed(double speed)
     if (!std::isfinite(speed) || speed == 0 || speed == mPlaybackSpeed) {
         return;
     }
-    const double magnitude = std::clamp(std::fabs(speed), VellExtendedAudioFilePlayer::kMinimumPlaybackRate,
-                                        VellExtendedAudioFilePlayer::kMaximumPlaybackRate);
+    const double magnitude =
+        std::clamp(std::fabs(speed), VellExtendedAudioFilePlayer::kMinimumPlaybackRate,
+                   VellExtendedAudioFilePlayer::kMaximumPlaybackRate);
     KeyChangeScope change(*this, "playbackSpeed");
     mPlaybackSpeed = std::copysign(magnitude, speed);
     mPlayer->setPlaybackSpeed(mPlaybackSpeed);
@@ -820,7 +821,9 @@ bool VellPlaybackController::loadTessalySettingsFromJSONData(std::string_view js
 
 std::optional<std::string> VellPlaybackController::tessalySettingsJSONData() const
 {
-    return const_cast<VellPlaybackController*>(this)->tessalySettingsController().JSONSettingsData();
+    return const_cast<VellPlaybackController*>(this)
+        ->tessalySettingsController()
+        .JSONSettingsData();
 }
 
 // ---- Frame update timer, notifications and device changes.
@@ -870,7 +873,8 @@ void VellPlaybackController::defaultOutputDeviceDidChange()
     }
     mFreezer = VellAudioFreezer::create(mPlayer->audioFile());
     if (!mFreezer) {
-        logErrorLine(__FILE__, "ERROR: Failed to re-create the VellAudioFreezer object on device change");
+        logErrorLine(__FILE__,
+                     "ERROR: Failed to re-create the VellAudioFreezer object on device change");
     }
 }
 

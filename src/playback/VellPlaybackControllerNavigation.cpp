@@ -78,7 +78,8 @@ std::shared_ptr<VellRegionEntry> VellPlaybackController::nextActiveRegion() cons
     return nullptr;
 }
 
-std::shared_ptr<VellRegionEntry> VellPlaybackController::regionOccurringAfterFrame(Frame frame) const
+std::shared_ptr<VellRegionEntry>
+VellPlaybackController::regionOccurringAfterFrame(Frame frame) const
 {
     for (const auto& region : mNoteEntryStorage->regionEntries()) {
         if (region->location() > frame) {
@@ -88,7 +89,8 @@ std::shared_ptr<VellRegionEntry> VellPlaybackController::regionOccurringAfterFra
     return nullptr;
 }
 
-std::shared_ptr<VellRegionEntry> VellPlaybackController::regionOccurringBeforeFrame(Frame frame) const
+std::shared_ptr<VellRegionEntry>
+VellPlaybackController::regionOccurringBeforeFrame(Frame frame) const
 {
     const auto& regions = mNoteEntryStorage->regionEntries();
     for (auto it = regions.rbegin(); it != regions.rend(); ++it) {
@@ -99,14 +101,14 @@ std::shared_ptr<VellRegionEntry> VellPlaybackController::regionOccurringBeforeFr
     return nullptr;
 }
 
-std::shared_ptr<VellRegionEntry>
-VellPlaybackController::regionOccurringAfterRegion(const std::shared_ptr<VellRegionEntry>& region) const
+std::shared_ptr<VellRegionEntry> VellPlaybackController::regionOccurringAfterRegion(
+    const std::shared_ptr<VellRegionEntry>& region) const
 {
     return region ? mNoteEntryStorage->regionEntryOccurringAfter(region) : nullptr;
 }
 
-std::shared_ptr<VellRegionEntry>
-VellPlaybackController::regionOccurringBeforeRegion(const std::shared_ptr<VellRegionEntry>& region) const
+std::shared_ptr<VellRegionEntry> VellPlaybackController::regionOccurringBeforeRegion(
+    const std::shared_ptr<VellRegionEntry>& region) const
 {
     return region ? mNoteEntryStorage->regionEntryOccurringBefore(region) : nullptr;
 }
@@ -150,7 +152,8 @@ void VellPlaybackController::addRegionEntry(const std::shared_ptr<VellRegionEntr
     }
     const long long bar = mBeatLocator.barIndexOfSample(frame);
     Frame location = mBeatLocator.sampleOfBarBeatIndex(VellBarBeatIndex::indexPathForBeat(0, bar));
-    const Frame end = mBeatLocator.sampleOfBarBeatIndex(VellBarBeatIndex::indexPathForBeat(0, bar + 1));
+    const Frame end =
+        mBeatLocator.sampleOfBarBeatIndex(VellBarBeatIndex::indexPathForBeat(0, bar + 1));
     Frame length = end - location;
 
     const auto firstOverlapping = [&storage](Frame at, Frame span) {
@@ -285,7 +288,8 @@ void VellPlaybackController::seekToPreviousRegionLocation()
     if (isPlaying() && isLooping() && mActiveRegion) {
         const Frame location = mActiveRegion->location();
         const Frame intoLoop = currentFrame() - location;
-        if (intoLoop < static_cast<Frame>(static_cast<double>(sampleRate()) * kStepAllowanceSeconds)) {
+        if (intoLoop <
+            static_cast<Frame>(static_cast<double>(sampleRate()) * kStepAllowanceSeconds)) {
             if (auto previous = regionOccurringBeforeFrame(location)) {
                 setActiveRegion(std::move(previous));
             }
@@ -331,7 +335,8 @@ void VellPlaybackController::updateLiveResizeWithRange(VellFrameRange range)
     refreshPlaybackWithRange(range);
 }
 
-void VellPlaybackController::endLiveResizeWithNewEntry(const std::shared_ptr<VellRegionEntry>& region)
+void VellPlaybackController::endLiveResizeWithNewEntry(
+    const std::shared_ptr<VellRegionEntry>& region)
 {
     mResizingLoopRange = VellFrameRange{};
     refreshPlaybackWithRange(region ? region->range() : VellFrameRange{});
@@ -374,7 +379,8 @@ std::vector<Frame> VellPlaybackController::allMarkerLocations() const
     return locations;
 }
 
-Frame VellPlaybackController::previousMarkerToFrame(Frame frame, const std::vector<Frame>& list) const
+Frame VellPlaybackController::previousMarkerToFrame(Frame frame,
+                                                    const std::vector<Frame>& list) const
 {
     const Frame reference = frame - stepAllowance();
     for (auto it = list.rbegin(); it != list.rend(); ++it) {

@@ -37,7 +37,7 @@ void VellPlaybackController::setTimeSignature(BRIXTimeSignature signature)
 const std::vector<BRIXTimeSignature>& VellPlaybackController::timeSignaturePresets()
 {
     static const std::vector<BRIXTimeSignature> presets = {
-        {2, 4}, {3, 4}, {4, 4}, {5, 4}, {6, 4}, {7, 4}, {8, 4}, {2, 8}, {3, 8},
+        {2, 4}, {3, 4}, {4, 4}, {5, 4}, {6, 4}, {7, 4}, {8, 4},  {2, 8},  {3, 8},
         {4, 8}, {5, 8}, {6, 8}, {7, 8}, {8, 8}, {9, 8}, {10, 8}, {12, 8},
     };
     return presets;
@@ -158,6 +158,21 @@ struct SettingsValues {
 
 /// A value as read from either form: a Boolean, an integer or a double.
 using Number = std::variant<bool, long long, double>;
+
+Number numberFrom(const nlohmann::json& value)
+{
+    if (value.is_boolean()) {
+        return value.get<bool>();
+    }
+    if (value.is_number_integer() && !value.is_number_unsigned()) {
+        return value.get<long long>();
+    }
+    if (value.is_number()) {
+        return value.get<double>();
+    }
+    // Strings and containers are never settings: they read as out of range (NaN).
+    return std::numeric_limits<double>::quiet_NaN();
+}
 
 /// Reads and checks one key; the reason names the key when the value is wrong.
 class SettingsChecker {
@@ -300,20 +315,7 @@ bool VellPlaybackController::applySettingsFromDictionary(const nlohmann::json& d
     }
     SettingsChecker check([&dictionary](std::string_view key) -> std::optional<Number> {
         const auto found = dictionary.find(key);
-        if (found == dictionary.end()) {
-            return std::nullopt;
-        }
-        if (found->is_boolean()) {
-            return Number(found->get<bool>());
-        }
-        if (found->is_number_integer() && !found->is_number_unsigned()) {
-            return Number(found->get<long long>());
-        }
-        if (found->is_number()) {
-            return Number(found->get<double>());
-        }
-        // Strings and containers are never settings: reported as out of range (NaN).
-        return Number(std::numeric_limits<double>::quiet_NaN());
+        return found == dictionary.end() ? std::nullopt : std::optional(numberFrom(*found));
     });
     SettingsValues values;
     checkCommonSettings(check, values);
@@ -380,8 +382,8 @@ bool VellPlaybackController::readSettingsFromFileWrapper(const FileWrapper& wrap
         info.emplace(NSLocalizedDescriptionKey,
                      localizedString("The data couldn't be read because it isn't in the correct "
                                      "format."));
-        assignError(outError, Error(NSCocoaErrorDomain, kCocoaPropertyListReadCorruptError,
-                                    std::move(info)));
+        assignError(outError,
+                    Error(NSCocoaErrorDomain, kCocoaPropertyListReadCorruptError, std::move(info)));
         return false;
     }
     return applySettingsFromDictionary(dictionary, outError);
@@ -413,19 +415,7 @@ bool VellPlaybackController::decodeSettingsFromKeyedUnarchiver(const KeyedUnarch
 {
     SettingsChecker check([&unarchiver](std::string_view key) -> std::optional<Number> {
         const auto value = unarchiver.decodeObjectForKey(key);
-        if (!value) {
-            return std::nullopt;
-        }
-        if (value->is_boolean()) {
-            return Number(value->get<bool>());
-        }
-        if (value->is_number_integer() && !value->is_number_unsigned()) {
-            return Number(value->get<long long>());
-        }
-        if (value->is_number()) {
-            return Number(value->get<double>());
-        }
-        return Number(std::numeric_limits<double>::quiet_NaN());
+        return value ? std::optional(numberFrom(*value)) : std::nullopt;
     });
     SettingsValues values;
     checkCommonSettings(check, values);
@@ -444,7 +434,8 @@ bool VellPlaybackController::decodeSettingsFromKeyedUnarchiver(const KeyedUnarch
         return false;
     }
 
-    setLoopRange(VellMakeFrameRange(values.loopLocation.value_or(0), values.loopLength.value_or(0)));
+    setLoopRange(
+        VellMakeFrameRange(values.loopLocation.value_or(0), values.loopLength.value_or(0)));
     UserDefaults& defaults = *UserDefaults::standard();
     const auto stored = [&defaults](std::string_view key) {
         return defaults.objectForKey(key) ? defaults.doubleForKey(key) : 1.0;

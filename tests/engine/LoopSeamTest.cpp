@@ -21,7 +21,8 @@ double amplitudeAt(const std::vector<float>& signal, std::size_t from, std::size
     const double w = 2 * std::numbers::pi * hz / kRate;
     double s1 = 0, s2 = 0, windowSum = 0;
     for (std::size_t i = 0; i < length; ++i) {
-        const double window = 0.5 - 0.5 * std::cos(2 * std::numbers::pi * double(i) / double(length));
+        const double window =
+            0.5 - 0.5 * std::cos(2 * std::numbers::pi * double(i) / double(length));
         const double s = signal[from + i] * window + 2 * std::cos(w) * s1 - s2;
         s2 = s1;
         s1 = s;

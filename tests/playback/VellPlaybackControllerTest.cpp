@@ -423,9 +423,10 @@ TEST_F(PlaybackControllerTest, SettingsDictionaryChecksEverythingFirst)
     EXPECT_EQ(c->pitchAdjustment(), -50);
 
     const nlohmann::json settings = {
-        {"playbackSpeed", 0.75},  {"transpositionInterval", 2}, {"pitchAdjustment", 10},
-        {"metronomeEnabled", true}, {"countInMode", 2},         {"countInDuration", 1},
-        {"currentFrame", 44100},  {"noteEntryPlaybackVolume", 0.5},
+        {"playbackSpeed", 0.75}, {"transpositionInterval", 2},
+        {"pitchAdjustment", 10}, {"metronomeEnabled", true},
+        {"countInMode", 2},      {"countInDuration", 1},
+        {"currentFrame", 44100}, {"noteEntryPlaybackVolume", 0.5},
     };
     ASSERT_TRUE(c->applySettingsFromDictionary(settings));
     const auto saved = c->settingsDictionary();

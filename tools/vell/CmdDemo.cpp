@@ -3,6 +3,7 @@
 #include "Export.h"
 #include "Options.h"
 #include "Playback.h"
+#include "PlaybackOptions.h"
 #include "PreparedSong.h"
 
 #include <VellAudio/VellDemoSong.h>
@@ -16,8 +17,12 @@ namespace {
 struct DemoArguments {
     std::optional<std::string> directory; // --write
     std::optional<std::string> out;       // -o
+    PlaybackOptions playback;
     OutputOptions output;
 };
+
+/// Where `s` saves the demo's document while it plays.
+constexpr const char* kDemoSavePath = "demo.vell.json";
 
 int writeDemo(const VellDemoSong& song, const std::filesystem::path& dir)
 {
@@ -60,12 +65,23 @@ int runDemo(const DemoArguments& args)
     if (args.directory) {
         return writeDemo(song, *args.directory);
     }
-    PreparedSong demo = prepareDemo(song);
     if (args.out) {
+        PreparedSong demo = prepareDemo(song);
         exportSong(demo, *args.out, std::nullopt);
-    } else {
-        playSong(demo, args.output, false);
+        return kExitSuccess;
     }
+    checkPlaybackOptions(args.playback);
+    PlaySource source;
+    source.name = "demo";
+    source.file =
+        BRIXExtendedAudioFile::createWithSamples({song.left(), song.right()}, song.sampleRate());
+    auto document = std::make_shared<VellPracticeDocument>();
+    Error error;
+    if (!source.file || !document->readFromJSONData(song.document().JSONData(), &error)) {
+        throw Failure("the demo song could not be made");
+    }
+    source.document = SongDocument{std::move(document), kDemoSavePath, DocumentOrigin::doc, {}};
+    playSong(std::move(source), args.playback, args.output);
     return kExitSuccess;
 }
 
@@ -82,6 +98,7 @@ CommandRunner defineDemo(CLI::App& command)
         "render it at half speed with the metronome and the lead's notes to OUT (.wav, .aif, "
         ".m4a)");
     out->type_name("OUT")->excludes(write);
+    addPlaybackOptions(command, args->playback, PlaybackUse::play);
     addOutputOptions(command, args->output);
     for (CLI::Option* playOnly : {command.get_option("--for"), command.get_option("--device")}) {
         playOnly->excludes(write)->excludes(out);
@@ -91,9 +108,10 @@ CommandRunner defineDemo(CLI::App& command)
 
 } // namespace
 
-VELL_COMMAND({"demo", "vell demo [--write DIR | -o OUT] [--for S] [--device NAME|null]",
-              "the built-in demo song: write it with its document, export it, or play it at half "
-              "speed with the metronome and the lead's notes",
+VELL_COMMAND({"demo",
+              "vell demo [--write DIR | -o OUT] [options of play] [--for S] [--device NAME|null]",
+              "the built-in demo song: write it with its document, export it at half speed with "
+              "the metronome and the lead's notes, or play it as vell play does",
               defineDemo});
 
 } // namespace vell::tool

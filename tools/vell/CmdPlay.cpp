@@ -17,8 +17,13 @@ int runPlay(const PlayArguments& args)
 {
     checkPlaybackOptions(args.playback);
     chooseOutputDevice(args.output.device);
-    PreparedSong song = prepareSong(args.path, args.playback);
-    playSong(song, args.output, args.playback.loop.has_value());
+    Error error;
+    std::shared_ptr<BRIXExtendedAudioFile> file = BRIXExtendedAudioFile::create(args.path, &error);
+    if (!file) {
+        throw Failure(describe(args.path, error));
+    }
+    SongDocument document = findSongDocument(args.path, *file, args.playback);
+    playSong({args.path, std::move(file), std::move(document)}, args.playback, args.output);
     return kExitSuccess;
 }
 
@@ -33,8 +38,10 @@ CommandRunner definePlay(CLI::App& command)
 
 } // namespace
 
-VELL_COMMAND({"play", "vell play FILE [options] [--for S] [--device NAME|null]",
-              "play through the output device with a live status line (space pauses, q quits)",
-              definePlay});
+VELL_COMMAND(
+    {"play", "vell play FILE [options] [--for S] [--device NAME|null]",
+     "play through the output device; on a terminal a full-screen practice view (? lists the "
+     "keys)",
+     definePlay});
 
 } // namespace vell::tool

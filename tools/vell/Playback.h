@@ -1,8 +1,14 @@
-// Playing a prepared song through an output device, with a status line and keys on a terminal.
+// vell play: a song and its document on a playback controller, through an output device; on a
+// terminal a full-screen practice view with keys.
 #pragma once
 
+#include "PlaybackOptions.h"
 #include "PreparedSong.h"
 
+#include <VellAudio/BRIXExtendedAudioFile.h>
+
+#include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -21,10 +27,17 @@ void addOutputOptions(CLI::App& command, OutputOptions& options);
 /// Throws Failure (listing the devices for a name that matches none).
 void chooseOutputDevice(const std::optional<std::string>& device);
 
-/// Plays the song's range once, or over and over when looping, until it ends, --for passes, q
-/// is pressed or a stop signal arrives. On a terminal: a status line on stdout and keys on stdin
-/// (space pauses and resumes, q quits). Ends with "played M:SS.S" on stdout. Throws Failure when
-/// the device cannot start.
-void playSong(PreparedSong& song, const OutputOptions& output, bool loop);
+/// A song to play: its audio and its document (saved back to document.savePath).
+struct PlaySource {
+    std::string name; // the path, or what stands for it in messages
+    std::shared_ptr<BRIXExtendedAudioFile> file;
+    SongDocument document;
+};
+
+/// Plays the song as the options say until it ends, --for passes, q is pressed or a stop
+/// signal arrives. With standard input and output on a terminal and no --for: the full-screen
+/// practice view and its keys. Otherwise it just plays, and ends with "played M:SS.S" on
+/// stdout. Throws Failure when the device cannot start or the options do not fit the song.
+void playSong(PlaySource source, const PlaybackOptions& options, const OutputOptions& output);
 
 } // namespace vell::tool

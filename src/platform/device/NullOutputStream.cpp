@@ -115,7 +115,8 @@ VELL_RT void NullDeviceCapture::append(const float* const* channels, std::uint32
     const std::size_t start = mFrames.load(std::memory_order_relaxed);
     const std::size_t n = std::min<std::size_t>(frames, mCapacity - start);
     for (std::uint32_t c = 0; c < std::min(channelCount, mChannelCount); ++c) {
-        std::copy_n(channels[c], n, mSamples.begin() + static_cast<std::ptrdiff_t>(c * mCapacity + start));
+        std::copy_n(channels[c], n,
+                    mSamples.begin() + static_cast<std::ptrdiff_t>(c * mCapacity + start));
     }
     mFrames.store(start + n, std::memory_order_release);
 }
