@@ -62,13 +62,11 @@ double contrast(const std::vector<double>& salience, int beatsPerBar)
 
 } // namespace
 
-std::vector<double> downbeatSalience(const MonoSignal& signal22k, const BeatTrack& track,
-                                     const BeatChroma& chroma)
+std::vector<double> beatSpectralChange(const MonoSignal& signal22k, const BeatTrack& track)
 {
     const std::size_t n = track.beats.size();
-    std::vector<double> salience(n, 0.0);
     if (n < 4) {
-        return salience;
+        return std::vector<double>(n, 0.0);
     }
     // The bar tracker's spectral difference across each beat, from its own decimated audio.
     const auto step = static_cast<std::size_t>(std::lround(signal22k.rate / track.onsetRate));
@@ -97,7 +95,17 @@ std::vector<double> downbeatSalience(const MonoSignal& signal22k, const BeatTrac
         change[i + 1] = spectral[i];
     }
     change[0] = change.size() > 1 ? change[1] : 0;
+    return change;
+}
 
+std::vector<double> downbeatSalience(std::vector<double> change, const BeatTrack& track,
+                                     const BeatChroma& chroma)
+{
+    const std::size_t n = track.beats.size();
+    std::vector<double> salience(n, 0.0);
+    if (n < 4 || change.size() != n) {
+        return salience;
+    }
     std::vector<double> harmonic(n, 0.0);
     for (std::size_t i = 1; i < n && i < chroma.treble.size(); ++i) {
         harmonic[i] = 1.0 - similarity(chroma.treble[i - 1], chroma.treble[i]);

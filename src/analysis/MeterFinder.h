@@ -17,9 +17,13 @@ struct Meter {
     std::vector<int> barPositions;
 };
 
-/// What marks a downbeat at each beat: the spectral change across it (from the bar tracker's
-/// beat spectral difference), the harmonic change and a rise of low-frequency energy.
-std::vector<double> downbeatSalience(const MonoSignal& signal22k, const BeatTrack& track,
+/// The spectral change across each beat (the bar tracker's beat spectral difference). Taken
+/// before the chroma, so that the 22.05 kHz signal can be let go first.
+std::vector<double> beatSpectralChange(const MonoSignal& signal22k, const BeatTrack& track);
+
+/// What marks a downbeat at each beat: the spectral change across it (beatSpectralChange), the
+/// harmonic change and a rise of low-frequency energy.
+std::vector<double> downbeatSalience(std::vector<double> change, const BeatTrack& track,
                                      const BeatChroma& chroma);
 
 /// Whether the beat divides in three: onsets at its thirds stronger than at its half.

@@ -190,15 +190,16 @@ VellSongAnalysis::analyzeFile(const BRIXExtendedAudioFile& file, const ProgressC
         return finish();
     }
 
+    std::vector<double> change = beatSpectralChange(*signal, *track);
     const MonoSignal low = halfRate(*signal);
+    signal.reset(); // everything below reads the half-rate signal only
     progress.beginStage(0.23);
     std::optional<BeatChroma> chroma = beatChroma(low, track->beats, progress);
     if (!chroma) {
         return cancelled();
     }
     progress.beginStage(0.1);
-    const std::vector<double> salience = downbeatSalience(*signal, *track, *chroma);
-    signal.reset(); // the finders below read the half-rate signal only
+    const std::vector<double> salience = downbeatSalience(std::move(change), *track, *chroma);
     const Meter meter = findMeter(salience, beatSubdivision(*track));
     const std::vector<ChordLabel> chords =
         findChords(*chroma, meter.barPositions, meter.beatsPerBar);
