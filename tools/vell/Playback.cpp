@@ -64,6 +64,25 @@ long long countInDurationFor(long long bars)
     throw UsageError("--count-in: vell play counts in 1, 2 or 4 bars");
 }
 
+/// Where the document came from, for the title line.
+std::string documentText(const SongDocument& document)
+{
+    switch (document.origin) {
+    case DocumentOrigin::doc:
+    case DocumentOrigin::beside:
+        return document.savePath.filename().string();
+    case DocumentOrigin::cache:
+        return "analysed earlier";
+    case DocumentOrigin::analysis:
+        return "analysed now";
+    case DocumentOrigin::bpm:
+        return "--bpm grid";
+    case DocumentOrigin::none:
+        break;
+    }
+    return "none";
+}
+
 /// Knows when playback stopped by itself (the end of the file, a device change).
 class StopWatch : public VellPlaybackControllerDelegate {
 public:
@@ -100,6 +119,9 @@ public:
             throw Failure(describe(source.name, error));
         }
         mController->setDelegate(mStopWatch);
+        for (const std::string& remark : source.document.remarks) {
+            mMessage += (mMessage.empty() ? "" : "; ") + remark;
+        }
         configure();
     }
 
@@ -598,7 +620,8 @@ private:
         const Frame frame = c.currentFrame();
         const double rate = static_cast<double>(c.sampleRate());
         std::vector<std::string> lines;
-        lines.push_back(format("vell play  %s", mSource.name.c_str()));
+        lines.push_back(format("vell play  %s   (document: %s)", mSource.name.c_str(),
+                               documentText(mSource.document).c_str()));
         lines.emplace_back();
         std::string timeLine = format("  %-12s %s / %s", stateText().c_str(),
                                       minutesAndSeconds(double(frame) / rate).c_str(),
