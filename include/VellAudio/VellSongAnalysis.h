@@ -39,7 +39,7 @@ struct VellSongAnalysisResult {
 class VellSongAnalysis {
 public:
     /// Raised whenever the analysis changes what it writes; part of the cache key.
-    static constexpr int kVersion = 1;
+    static constexpr int kVersion = 2;
     static constexpr std::string_view kSettingsKey = "analysis";
 
     /// Called now and then on the analysing thread with the fraction done (0 first, 1 last);

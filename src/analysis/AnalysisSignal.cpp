@@ -77,27 +77,4 @@ std::optional<MonoSignal> mixToMono(const BRIXExtendedAudioFile& file, double ra
     return signal;
 }
 
-MonoSignal halfRate(const MonoSignal& signal)
-{
-    MonoSignal half;
-    half.rate = signal.rate / 2;
-    half.samples.resize(signal.samples.size() / 2 + 64);
-    if (signal.samples.empty()) {
-        half.samples.clear();
-        return half;
-    }
-    SRC_DATA data{};
-    data.data_in = signal.samples.data();
-    data.input_frames = static_cast<long>(signal.samples.size());
-    data.data_out = half.samples.data();
-    data.output_frames = static_cast<long>(half.samples.size());
-    data.src_ratio = 0.5;
-    if (src_simple(&data, SRC_SINC_FASTEST, 1) != 0) {
-        half.samples.clear();
-        return half;
-    }
-    half.samples.resize(static_cast<std::size_t>(data.output_frames_gen));
-    return half;
-}
-
 } // namespace vell::detail

@@ -23,7 +23,4 @@ struct MonoSignal {
 std::optional<MonoSignal> mixToMono(const BRIXExtendedAudioFile& file, double rate,
                                     AnalysisProgress& progress);
 
-/// The signal resampled to half its rate.
-MonoSignal halfRate(const MonoSignal& signal);
-
 } // namespace vell::detail

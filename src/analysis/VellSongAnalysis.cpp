@@ -170,12 +170,12 @@ VellSongAnalysis::analyzeFile(const BRIXExtendedAudioFile& file, const ProgressC
         return std::nullopt;
     };
 
-    progress.beginStage(0.12);
+    progress.beginStage(0.18);
     std::optional<MonoSignal> signal = mixToMono(file, kBeatRate, progress);
     if (!signal) {
         return cancelled();
     }
-    progress.beginStage(0.2);
+    progress.beginStage(0.3);
     std::optional<BeatTrack> track = trackBeats(*signal, progress);
     if (!track) {
         return cancelled();
@@ -191,14 +191,21 @@ VellSongAnalysis::analyzeFile(const BRIXExtendedAudioFile& file, const ProgressC
     }
 
     std::vector<double> change = beatSpectralChange(*signal, *track);
-    const MonoSignal low = halfRate(*signal);
-    signal.reset(); // everything below reads the half-rate signal only
-    progress.beginStage(0.23);
-    std::optional<BeatChroma> chroma = beatChroma(low, track->beats, progress);
+    // Everything below reads a half-rate mix, made afresh once the full-rate one is gone: the
+    // two are never held at once.
+    signal.reset();
+    const VellSongAnalysis::ProgressCallback noReports;
+    AnalysisProgress quiet(noReports);
+    const std::optional<MonoSignal> low = mixToMono(file, kBeatRate / 2, quiet);
+    if (!low || progress.isCancelled()) {
+        return cancelled();
+    }
+    progress.beginStage(0.35);
+    std::optional<BeatChroma> chroma = beatChroma(*low, track->beats, progress);
     if (!chroma) {
         return cancelled();
     }
-    progress.beginStage(0.1);
+    progress.beginStage(0.15);
     const std::vector<double> salience = downbeatSalience(std::move(change), *track, *chroma);
     const Meter meter = findMeter(salience, beatSubdivision(*track));
     const std::vector<ChordLabel> chords =
@@ -208,18 +215,20 @@ VellSongAnalysis::analyzeFile(const BRIXExtendedAudioFile& file, const ProgressC
         return cancelled();
     }
     std::vector<double> barStarts;
+    std::vector<std::size_t> barFirstBeats;
     for (std::size_t i = 0; i < track->beats.size(); ++i) {
         if (meter.barPositions[i] == 0) {
             barStarts.push_back(track->beats[i]);
+            barFirstBeats.push_back(i);
         }
     }
 
-    progress.beginStage(0.35);
-    std::optional<std::vector<TypedBoundary>> boundaries = segmentAudio(low, progress);
-    if (!boundaries) {
+    progress.beginStage(0.02);
+    const std::vector<Section> sections =
+        findSections(barFeatures(*chroma, barFirstBeats), kSectionBars);
+    if (!progress.report(1)) {
         return cancelled();
     }
-    const std::vector<Section> sections = sectionsOnBars(*boundaries, barStarts, kSectionBars);
 
     DocumentWriter writer{*document.noteEntryStorage(), file.sampleRate(), file.frameCount()};
     writer.beats(gridEntries(track->beats, meter.barPositions, meter.subdivision, file.duration()));

@@ -159,26 +159,110 @@ TEST(ChordFinderTest, MatchesTemplatesAndNamesParse)
     EXPECT_EQ(chordName({8, ChordType::minor}, spellingForKey(4, false)), "G#m");
 }
 
-TEST(SectionsOnBarsTest, SnapsFoldsAndNamesByLikeness)
-{
-    std::vector<double> bars;
-    for (int i = 0; i < 30; ++i) {
-        bars.push_back(1.0 + 2.0 * i);
+/// Per-beat profiles of a song in 4/4 made of spans of bars, each bar one triad (root, minor)
+/// at a level, after a one-beat pickup; a little deterministic noise on every bin.
+struct SongBuilder {
+    BeatChroma chroma;
+    std::vector<std::size_t> barFirstBeats;
+    std::mt19937 random{11};
+
+    SongBuilder() { beat({0, false}, 1.0); }
+
+    void beat(std::pair<int, bool> chord, double level)
+    {
+        std::uniform_real_distribution<double> noise(0.0, 0.05);
+        Chroma treble{};
+        Chroma bass{};
+        const auto [root, minor] = chord;
+        for (const int interval : {0, minor ? 3 : 4, 7}) {
+            treble[std::size_t((root + interval) % 12)] = level;
+        }
+        bass[std::size_t(root)] = level;
+        for (std::size_t p = 0; p < 12; ++p) {
+            treble[p] += level * noise(random);
+            bass[p] += level * noise(random);
+        }
+        chroma.treble.push_back(treble);
+        chroma.bass.push_back(bass);
+        chroma.level.push_back(level);
     }
-    // Types: 0 for 8 bars, 1 for 8 (starting a little after a bar line), a 1-bar blip of 2,
-    // 0 again for 7, 1 for 6 bars.
-    const std::vector<TypedBoundary> boundaries = {
-        {0, 0}, {17.3, 1}, {33.2, 2}, {35.1, 0}, {49.0, 1}};
-    const auto sections = sectionsOnBars(boundaries, bars, 4);
-    ASSERT_EQ(sections.size(), 4u);
-    EXPECT_EQ(sections[0].name, "A");
-    EXPECT_EQ(sections[0].bars, 8u);
-    EXPECT_EQ(sections[1].firstBar, 8u);
-    EXPECT_EQ(sections[1].name, "B");
-    EXPECT_EQ(sections[2].firstBar, 17u);
-    EXPECT_EQ(sections[2].name, "A");
-    EXPECT_EQ(sections[3].name, "B'");
-    EXPECT_EQ(sections[3].firstBar + sections[3].bars, bars.size());
+    /// bars bars cycling through progression.
+    void span(const std::vector<std::pair<int, bool>>& progression, std::size_t bars,
+              double level = 1.0)
+    {
+        for (std::size_t b = 0; b < bars; ++b) {
+            barFirstBeats.push_back(chroma.level.size());
+            for (int i = 0; i < 4; ++i) {
+                beat(progression[b % progression.size()], level);
+            }
+        }
+    }
+    std::vector<Section> sections() const
+    {
+        return findSections(barFeatures(chroma, barFirstBeats), 4);
+    }
+};
+
+const std::vector<std::pair<int, bool>> kVerse = {{0, false}, {7, false}, {9, true}, {5, false}};
+const std::vector<std::pair<int, bool>> kChorus = {{2, false}, {9, false}, {11, true}, {7, false}};
+const std::vector<std::pair<int, bool>> kBridge = {{3, false}, {10, false}, {8, false}, {6, true}};
+
+void expectSections(const std::vector<Section>& sections,
+                    const std::vector<std::pair<std::size_t, std::string>>& expected,
+                    std::size_t totalBars)
+{
+    ASSERT_EQ(sections.size(), expected.size());
+    for (std::size_t i = 0; i < sections.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(sections[i].firstBar, expected[i].first);
+        EXPECT_EQ(sections[i].name, expected[i].second);
+        const std::size_t end = i + 1 < sections.size() ? expected[i + 1].first : totalBars;
+        EXPECT_EQ(sections[i].firstBar + sections[i].bars, end);
+    }
+}
+
+TEST(SectionFinderTest, SplitsAtChangesAndNamesRepeatsByLikeness)
+{
+    SongBuilder song;
+    song.span(kVerse, 8);
+    song.span(kChorus, 8);
+    song.span(kVerse, 8);
+    song.span(kBridge, 8);
+    song.span(kVerse, 12);
+    expectSections(song.sections(), {{0, "A"}, {8, "B"}, {16, "A"}, {24, "C"}, {32, "A'"}}, 44);
+
+    const BarFeatures bars = barFeatures(song.chroma, song.barFirstBeats);
+    ASSERT_EQ(bars.size(), 44u);
+    const std::vector<double> novelty = sectionNovelty(bars, 4);
+    // Peaks at the changes; flat where both sides of the kernel hear one section.
+    for (const std::size_t b : {8u, 16u, 24u, 32u}) {
+        for (const std::size_t inside : {4u, 12u, 20u, 28u, 36u, 38u}) {
+            EXPECT_GT(novelty[b], 5 * std::fabs(novelty[inside])) << b << " " << inside;
+        }
+    }
+}
+
+TEST(SectionFinderTest, LevelAloneSeparatesAQuietIntro)
+{
+    SongBuilder song;
+    song.span(kVerse, 8, 0.05);
+    song.span(kVerse, 16);
+    expectSections(song.sections(), {{0, "A"}, {8, "B"}}, 24);
+}
+
+TEST(SectionFinderTest, SteadyOrShortSongsAreOneSection)
+{
+    for (const std::size_t bars : {0u, 3u, 7u, 40u}) {
+        SCOPED_TRACE(bars);
+        SongBuilder song;
+        song.span(kVerse, bars);
+        const std::vector<Section> sections = song.sections();
+        if (bars == 0) {
+            EXPECT_TRUE(sections.empty());
+        } else {
+            expectSections(sections, {{0, "A"}}, bars);
+        }
+    }
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <map>
 #include <random>
+#include <tuple>
 
 namespace vell {
 namespace {
@@ -213,6 +214,40 @@ TEST(VellSongAnalysisTest, SilenceAndNoiseGiveValidDocumentsWithoutBeats)
         EXPECT_TRUE(reread.readFromJSONData(result->document.JSONData()));
         EXPECT_TRUE(VellSongAnalysis::isUneditedAnalysis(reread));
     }
+}
+
+TEST(VellSongAnalysisTest, SectionsFollowTheMusicAndRepeatExactly)
+{
+    if (!bench::findSoundFont()) {
+        GTEST_SKIP() << "no GM SoundFont";
+    }
+    // Two songs in other keys, end to end: a section starts where the second does.
+    const auto soundFont = *bench::findSoundFont();
+    bench::RenderedSong first =
+        bench::renderSong(recipe("join-a-120-C", 4, 2, 4, 4, 120, 0, false, 16), soundFont);
+    const bench::RenderedSong second =
+        bench::renderSong(recipe("join-b-120-Eb", 4, 2, 4, 4, 120, 3, true, 16), soundFont);
+    const double join = double(first.left.size()) / 44100;
+    first.left.insert(first.left.end(), second.left.begin(), second.left.end());
+    first.right.insert(first.right.end(), second.right.begin(), second.right.end());
+    const auto file = wrap(std::move(first.left), std::move(first.right));
+
+    std::vector<std::vector<std::tuple<Frame, Frame, std::string>>> runs;
+    for (int run = 0; run < 2; ++run) {
+        auto result = VellSongAnalysis::analyzeFile(*file);
+        ASSERT_TRUE(result);
+        runs.emplace_back();
+        for (const auto& region : result->document.noteEntryStorage()->regionEntries()) {
+            runs.back().emplace_back(region->location(), region->length(), region->name());
+        }
+    }
+    EXPECT_EQ(runs[0], runs[1]);
+    ASSERT_GE(runs[0].size(), 2u);
+    EXPECT_EQ(std::get<2>(runs[0][0]), "A");
+    const bool startsAtJoin = std::any_of(runs[0].begin(), runs[0].end(), [&](const auto& r) {
+        return std::fabs(double(std::get<0>(r)) / 44100 - join) < 2.5;
+    });
+    EXPECT_TRUE(startsAtJoin) << "second song at " << join << " s";
 }
 
 TEST(VellSongAnalysisTest, TenSecondsAreEnough)
