@@ -36,6 +36,9 @@ grep -qx "played 0:00.[4-7]" "$dir/out" || fail "range at double speed: $(cat "$
 # Backwards to the start of the file.
 play_for 0.4 4 "$dir/tone.wav" --device null --to 1 --speed -2 --semitones -3 --volume 0.5
 grep -qx "played 0:00.[4-7]" "$dir/out" || fail "range backwards: $(cat "$dir/out")"
+# Backwards without a range: the whole file, from its end.
+play_for 2.5 6 "$dir/tone.wav" --device null --speed -1
+grep -qx "played 0:0[23].[0-9]" "$dir/out" || fail "whole file backwards: $(cat "$dir/out")"
 # A looped range plays until --for.
 play_for 1.2 5 "$dir/tone.wav" --device null --from 2 --to 2.5 --loop 1 --for 1.2
 grep -qx "played 0:01.[23]" "$dir/out" || fail "loop with --for: $(cat "$dir/out")"

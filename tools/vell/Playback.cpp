@@ -135,9 +135,11 @@ public:
     /// Plays until the end, --for, q or a stop signal; returns the seconds played.
     double run()
     {
-        const Frame first = mController->playbackSpeed() < 0 ? mTo - 1 : mFrom;
-        if (mOptions.from || mOptions.to || mController->currentFrame() >= mTo) {
-            mController->setCurrentFrame(first);
+        // A range starts at its start (backwards: its end); otherwise playing goes on from
+        // where the document's settings left the playhead.
+        const bool reverse = mController->playbackSpeed() < 0;
+        if (reverse || mOptions.from || mOptions.to || mController->currentFrame() >= mTo) {
+            mController->setCurrentFrame(reverse ? mTo - 1 : mFrom);
         }
         start();
 
