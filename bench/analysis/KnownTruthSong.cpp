@@ -422,26 +422,35 @@ nlohmann::json truthJson(const KnownTruth& truth)
             {"duration", truth.duration}};
 }
 
+SongRecipe makeRecipe(std::string name, int beatsPerBar, int subdivision, int numerator,
+                      int denominator, double tempo, int tonic, bool minor, int bars, int style,
+                      unsigned seed)
+{
+    SongRecipe r;
+    r.name = std::move(name);
+    r.beatsPerBar = beatsPerBar;
+    r.subdivision = subdivision;
+    r.numerator = numerator;
+    r.denominator = denominator;
+    r.tempo = tempo;
+    r.tonic = tonic;
+    r.minor = minor;
+    r.bars = bars;
+    r.style = style;
+    r.seed = seed != 0 ? seed : static_cast<unsigned>(tempo);
+    return r;
+}
+
 std::vector<SongRecipe> evaluationSet()
 {
     std::vector<SongRecipe> set;
     auto add = [&](std::string name, int beatsPerBar, int subdivision, int numerator,
                    int denominator, double tempo, int tonic, bool minor, int style,
                    unsigned seed) -> SongRecipe& {
-        SongRecipe r;
-        r.name = std::move(name);
-        r.beatsPerBar = beatsPerBar;
-        r.subdivision = subdivision;
-        r.numerator = numerator;
-        r.denominator = denominator;
-        r.tempo = tempo;
-        r.tonic = tonic;
-        r.minor = minor;
-        r.style = style;
-        r.seed = seed;
         // About a minute each.
-        r.bars = std::max(12, int(std::lround(60.0 * tempo / 60.0 / beatsPerBar)));
-        set.push_back(r);
+        const int bars = std::max(12, int(std::lround(60.0 * tempo / 60.0 / beatsPerBar)));
+        set.push_back(makeRecipe(std::move(name), beatsPerBar, subdivision, numerator, denominator,
+                                 tempo, tonic, minor, bars, style, seed));
         return set.back();
     };
     add("pop-120-C", 4, 2, 4, 4, 120, 0, false, 0, 1);

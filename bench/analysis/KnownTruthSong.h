@@ -34,6 +34,12 @@ struct SongRecipe {
     unsigned seed = 1;
 };
 
+/// A recipe with the meter, tempo, key and length given and everything else plain; the seed
+/// defaults to the tempo.
+SongRecipe makeRecipe(std::string name, int beatsPerBar, int subdivision, int numerator,
+                      int denominator, double tempo, int tonic, bool minor, int bars, int style = 0,
+                      unsigned seed = 0);
+
 /// A chord of the truth: root pitch class and quality, from start (seconds) on.
 struct TruthChord {
     double start = 0;

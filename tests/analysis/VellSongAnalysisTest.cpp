@@ -70,18 +70,8 @@ const Rendered& rendered(const SongRecipe& recipe)
 SongRecipe recipe(std::string name, int beatsPerBar, int subdivision, int numerator,
                   int denominator, double tempo, int tonic, bool minor, int bars)
 {
-    SongRecipe r;
-    r.name = std::move(name);
-    r.beatsPerBar = beatsPerBar;
-    r.subdivision = subdivision;
-    r.numerator = numerator;
-    r.denominator = denominator;
-    r.tempo = tempo;
-    r.tonic = tonic;
-    r.minor = minor;
-    r.bars = bars;
-    r.seed = static_cast<unsigned>(tempo);
-    return r;
+    return bench::makeRecipe(std::move(name), beatsPerBar, subdivision, numerator, denominator,
+                             tempo, tonic, minor, bars);
 }
 
 /// The felt beats of a document: every second entry in x/4, every third in 6/8, from the
