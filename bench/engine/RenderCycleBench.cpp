@@ -1,9 +1,10 @@
-// Renders the file player's output in 512-frame cycles at 44.1 kHz with everything on (best
-// stretcher level, half speed, +2 semitones, isolation, metronome and notes) and prints the CPU
-// time of each cycle, and its wall time, as a share of the cycle's deadline.
-//   engine_render_cycle FILE [--seconds S] [--reader-waits] [--unpaced] [--changes S] [--repeat R]
-// Paced (the default), a cycle starts every 11.6 ms as on a device; --unpaced renders back to
-// back. --changes S makes a change every S seconds, in turn a speed change (0.5 <-> 0.6), a
+// Renders the file player's output in 512-frame cycles (--cycle N: N frames) at 44.1 kHz with
+// everything on (best stretcher level, half speed, +2 semitones, isolation, metronome and notes)
+// and prints the CPU time of each cycle, and its wall time, as a share of the cycle's deadline.
+//   engine_render_cycle FILE [--seconds S] [--cycle N] [--reader-waits] [--unpaced] [--changes S]
+//                       [--repeat R]
+// Paced (the default), a cycle starts every 11.6 ms (N / 44100 s) as on a device; --unpaced renders
+// back to back. --changes S makes a change every S seconds, in turn a speed change (0.5 <-> 0.6), a
 // transposition change (+2 <-> +3) and a seek 5 s back, and reports the cycles just after them
 // apart: they include the stretcher's hand-over to a freshly primed instance. --repeat R renders
 // the same cycles R times from fresh players and keeps each cycle's least time, which leaves the
@@ -26,16 +27,16 @@
 
 namespace {
 
-constexpr std::uint32_t kCycleFrames = 512;
 /// The test file's rate (the export and device format too).
 constexpr double kRate = 44100;
-/// Cycles after a change counted as its hand-over (about 0.1 s, past the 20 ms cross-fade).
-constexpr std::size_t kChangeWindow = 9;
+/// Time after a change counted as its hand-over (past the 20 ms cross-fade).
+constexpr double kChangeWindowSeconds = 0.1;
 
 struct Options {
     const char* path = nullptr;
     double seconds = 60;
     double changeSeconds = 0;
+    std::uint32_t cycleFrames = 512;
     bool readerWaits = false;
     bool paced = true;
     int repeat = 1;
@@ -50,6 +51,8 @@ bool parse(int argc, char** argv, Options& options)
             options.paced = false;
         } else if (std::strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
             options.seconds = std::atof(argv[++i]);
+        } else if (std::strcmp(argv[i], "--cycle") == 0 && i + 1 < argc) {
+            options.cycleFrames = std::uint32_t(std::clamp(std::atoi(argv[++i]), 0, 8192));
         } else if (std::strcmp(argv[i], "--repeat") == 0 && i + 1 < argc) {
             options.repeat = std::atoi(argv[++i]);
         } else if (std::strcmp(argv[i], "--changes") == 0 && i + 1 < argc) {
@@ -61,7 +64,7 @@ bool parse(int argc, char** argv, Options& options)
         }
     }
     return options.path != nullptr && options.seconds > 0 && options.changeSeconds >= 0 &&
-           options.repeat >= 1;
+           options.repeat >= 1 && options.cycleFrames >= 16;
 }
 
 /// The value below which a share p of the sorted samples lie.
@@ -148,11 +151,13 @@ bool renderOnce(const Options& options, Render& render)
     player->setCurrentFrame(0);
 
     const double rate = kRate;
-    const double deadline = kCycleFrames / rate;
-    const auto cycles = std::size_t(options.seconds * rate / kCycleFrames);
-    const auto changeEvery = std::size_t(options.changeSeconds * rate / kCycleFrames);
+    const std::uint32_t cycleFrames = options.cycleFrames;
+    const double deadline = cycleFrames / rate;
+    const auto cycles = std::size_t(options.seconds * rate / cycleFrames);
+    const auto changeEvery = std::size_t(options.changeSeconds * rate / cycleFrames);
+    const auto changeWindow = std::size_t(std::ceil(kChangeWindowSeconds / deadline));
     std::vector<std::vector<float>> buffers(player->channelCount(),
-                                            std::vector<float>(kCycleFrames));
+                                            std::vector<float>(cycleFrames));
     std::vector<float*> channels;
     for (auto& buffer : buffers) {
         channels.push_back(buffer.data());
@@ -164,7 +169,7 @@ bool renderOnce(const Options& options, Render& render)
     render.changes = 0;
 
     vell::Error error;
-    if (!player->beginOfflineRendering(kCycleFrames, &error, options.readerWaits)) {
+    if (!player->beginOfflineRendering(cycleFrames, &error, options.readerWaits)) {
         std::fprintf(stderr, "beginOfflineRendering failed: %s\n", error.description().c_str());
         return false;
     }
@@ -193,13 +198,13 @@ bool renderOnce(const Options& options, Render& render)
                     std::max<vell::Frame>(player->currentFrame() - vell::Frame(5 * rate), 0));
                 break;
             }
-            for (std::size_t k = i; k < std::min(i + kChangeWindow, cycles); ++k) {
+            for (std::size_t k = i; k < std::min(i + changeWindow, cycles); ++k) {
                 render.afterChange[k] = kind + 1;
             }
         }
         const double wall0 = vellbench::clockSeconds(CLOCK_MONOTONIC);
         const double cpu0 = vellbench::clockSeconds(CLOCK_THREAD_CPUTIME_ID);
-        if (!player->renderOffline(channels.data(), kCycleFrames)) {
+        if (!player->renderOffline(channels.data(), cycleFrames)) {
             ++render.failed;
         }
         render.cpu[i] = vellbench::clockSeconds(CLOCK_THREAD_CPUTIME_ID) - cpu0;
@@ -215,8 +220,8 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parse(argc, argv, options)) {
-        std::fprintf(stderr, "usage: engine_render_cycle FILE [--seconds S] [--reader-waits] "
-                             "[--unpaced] [--changes S] [--repeat R]\n");
+        std::fprintf(stderr, "usage: engine_render_cycle FILE [--seconds S] [--cycle N] "
+                             "[--reader-waits] [--unpaced] [--changes S] [--repeat R]\n");
         return 2;
     }
     vellbench::useStretcherLevel(206, 303);
@@ -243,10 +248,10 @@ int main(int argc, char** argv)
     const std::size_t cycles = cpu.size();
     const std::size_t changes = render.changes;
     const std::size_t failed = render.failed;
-    const double deadline = kCycleFrames / kRate;
+    const double deadline = options.cycleFrames / kRate;
 
     std::printf("%zu cycles of %u frames (%.1f s of output), deadline %.2f ms, %s, reader %s",
-                cycles, kCycleFrames, double(cycles) * deadline, 1e3 * deadline,
+                cycles, options.cycleFrames, double(cycles) * deadline, 1e3 * deadline,
                 options.paced ? "paced in real time" : "back to back",
                 options.readerWaits ? "waits for data" : "as on a device (never waits)");
     if (changes > 0) {

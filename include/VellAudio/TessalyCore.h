@@ -64,6 +64,12 @@ void TessalyReset(TessalyInstance* instance);
 
 bool TessalyGetBypass(const TessalyInstance* instance);
 void TessalySetBypass(TessalyInstance* instance, bool bypass);
+/* Whether a bypassed engine goes on analysing its input (default true). Off, a bypassed engine
+ * runs no transforms: the spectrum and the power spread keep their last values, and when bypass
+ * ends the field statistics start afresh from the incoming audio. The output is the same either
+ * way. For rendering where nobody reads the spectrum (an export). */
+bool TessalyGetAnalysisWhileBypassed(const TessalyInstance* instance);
+void TessalySetAnalysisWhileBypassed(TessalyInstance* instance, bool analyse);
 bool TessalyGetMute(const TessalyInstance* instance);
 void TessalySetMute(TessalyInstance* instance, bool mute);
 float TessalyPan(const TessalyInstance* instance);

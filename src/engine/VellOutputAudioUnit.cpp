@@ -149,6 +149,10 @@ void VellOutputAudioUnit::setupAUGraph()
     VELL_CHECK_THROW(AUGraphConnectNodeInput(mGraph, mNoteEntryPlaybackNode, 0, mMixerNode,
                                              kNoteEntryPlaybackMixerChannel));
     VELL_CHECK_THROW(AUGraphConnectNodeInput(mGraph, mMixerNode, 0, mOutputNode, 0));
+    // The instruments before the graph initializes, so that each sampler loads its sound font
+    // once (a preset that does not load leaves the sampler on its built-in voice).
+    loadPresetWithURL(_metronomePresetURL, mMetronomeUnit);
+    loadPresetWithURL(_guitarPresetURL, mNoteEntryPlaybackUnit);
     VELL_CHECK_THROW(AUGraphInitialize(mGraph));
 
     VELL_CHECK_THROW(AudioUnitSetParameter(mMixerUnit, kMultiChannelMixerParam_Volume,

@@ -236,8 +236,12 @@ bool VellOutputAudioUnit::writeSamples(std::uint32_t frames, const std::filesyst
     // Whatever happens from here, the level, the flag and the device output come back.
     ExtAudioFileRef outfile = nullptr;
     bool swapped = false;
+    // Nobody reads the spectrum of an export: a bypassed isolation engine skips its analysis.
+    const bool analysedWhileBypassed = TessalyGetAnalysisWhileBypassed(mIsolator);
+    TessalySetAnalysisWhileBypassed(mIsolator, false);
     ScopeExit restore([&]() noexcept {
         mExportingAudio.store(false);
+        TessalySetAnalysisWhileBypassed(mIsolator, analysedWhileBypassed);
         VELL_CHECK_LOG(AudioUnitSetParameter(mMixerUnit, kMultiChannelMixerParam_Volume,
                                              kAudioUnitScope_Input, 0, currentOutputLevel, 0));
         if (swapped) {

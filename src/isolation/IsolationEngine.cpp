@@ -176,16 +176,21 @@ VELL_RT void IsolationEngine::processFrame() noexcept
         std::fill(accumulator.end() - kHopSize, accumulator.end(), 0.0f);
     }
 
-    // The frame is the newest kFftSize samples of the history.
-    for (int c = 0; c < mChannels; ++c) {
-        const float* frame = mHistory[c].data() + kHopSize;
-        for (int i = 0; i < kFftSize; ++i)
-            mFrame[i] = frame[i] * mAnalysisWindow[i];
-        mFft.forward(mFrame.data(), mSpectra[c].data());
+    // The frame is the newest kFftSize samples of the history. Statistics follow the input
+    // even while bypassed, so they are current when the mask comes back, unless nobody wants
+    // them then: they start afresh when the mask comes back.
+    const bool analyse = !settings.bypass || mAnalyseBypassed.load();
+    if (analyse) {
+        for (int c = 0; c < mChannels; ++c) {
+            const float* frame = mHistory[c].data() + kHopSize;
+            for (int i = 0; i < kFftSize; ++i)
+                mFrame[i] = frame[i] * mAnalysisWindow[i];
+            mFft.forward(mFrame.data(), mSpectra[c].data());
+        }
+        updateStatistics();
+    } else {
+        mStatisticsPrimed = false;
     }
-    // Statistics follow the input even while bypassed, so they are current when the mask
-    // comes back.
-    updateStatistics();
 
     if (settings.bypass) {
         // Exactly what a frame with a gain of one everywhere adds, without the transforms.
@@ -199,7 +204,8 @@ VELL_RT void IsolationEngine::processFrame() noexcept
         std::fill(mGain.begin(), mGain.end(), 1.0f);
         mGainPrimed = true;
         mIdentityRun = std::min(mIdentityRun + 1, kOverlap);
-        publishSnapshot();
+        if (analyse)
+            publishSnapshot();
     } else {
         updateFrequencyMask(settings);
         computeGains(settings);

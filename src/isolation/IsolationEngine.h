@@ -59,6 +59,10 @@ public:
     // leaves the setting unchanged. Thread: any. Wait-free.
     VELL_RT bool isBypassed() const noexcept { return mBypass.load(); }
     VELL_RT void setBypass(bool bypass) noexcept { mBypass.store(bypass); }
+    /// Whether a bypassed engine goes on analysing its input (on by default); see
+    /// TessalySetAnalysisWhileBypassed.
+    VELL_RT bool analysesWhileBypassed() const noexcept { return mAnalyseBypassed.load(); }
+    VELL_RT void setAnalysesWhileBypassed(bool on) noexcept { mAnalyseBypassed.store(on); }
     VELL_RT bool isMuted() const noexcept { return mMute.load(); }
     VELL_RT void setMute(bool mute) noexcept { mMute.store(mute); }
     VELL_RT float pan() const noexcept { return mPan.load(); }
@@ -117,6 +121,7 @@ private:
     detail::RealFft mFft;
 
     std::atomic<bool> mBypass{true};
+    std::atomic<bool> mAnalyseBypassed{true};
     std::atomic<bool> mMute{false};
     std::atomic<float> mPan{0.5f};
     std::atomic<float> mWidth{1.0f};

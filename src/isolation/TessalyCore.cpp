@@ -75,6 +75,16 @@ VELL_RT void TessalySetBypass(TessalyInstance* instance, bool bypass)
     instance->mEngine.setBypass(bypass);
 }
 
+VELL_RT bool TessalyGetAnalysisWhileBypassed(const TessalyInstance* instance)
+{
+    return instance->mEngine.analysesWhileBypassed();
+}
+
+VELL_RT void TessalySetAnalysisWhileBypassed(TessalyInstance* instance, bool analyse)
+{
+    instance->mEngine.setAnalysesWhileBypassed(analyse);
+}
+
 VELL_RT bool TessalyGetMute(const TessalyInstance* instance)
 {
     return instance->mEngine.isMuted();

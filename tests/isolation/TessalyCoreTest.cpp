@@ -414,6 +414,62 @@ TEST(TessalyCoreTest, TheSpectrumShowsTheIsolatedOutput)
     EXPECT_EQ(left[0], -1.0f);
 }
 
+TEST(TessalyCoreTest, WithoutAnalysisABypassedEngineSoundsTheSameAndHoldsItsSpectrum)
+{
+    const double rate = 44100;
+    const std::size_t frames = 3 * 44100;
+    const Sources sources = threeSources(rate, frames);
+    Instance analysing = makeInstance(44100);
+    Instance quiet = makeInstance(44100);
+    EXPECT_TRUE(TessalyGetAnalysisWhileBypassed(quiet.get()));
+    TessalySetAnalysisWhileBypassed(quiet.get(), false);
+    EXPECT_FALSE(TessalyGetAnalysisWhileBypassed(quiet.get()));
+
+    // Bypassed for the first second, then both keep the source at 0.1. The engine that skipped
+    // its analysis starts its statistics afresh and settles on the same output.
+    const std::size_t switchAt = 44100;
+    Channels out[2] = {makeChannels(2, frames), makeChannels(2, frames)};
+    int i = 0;
+    for (TessalyInstance* t : {analysing.get(), quiet.get()}) {
+        process(t, sources.mix, out[i++], 512, [&](std::size_t done) {
+            if (done >= switchAt && TessalyGetBypass(t))
+                select(t, 0.1f, 0.2f, 0.0f, 30000.0f);
+        });
+    }
+    const std::size_t settled = switchAt + 44100 / 2;
+    for (int c = 0; c < 2; ++c) {
+        for (std::size_t n = 0; n < switchAt; ++n)
+            ASSERT_EQ(out[0][c][n], out[1][c][n]) << n;
+        float worst = 0.0f;
+        for (std::size_t n = settled; n < frames; ++n)
+            worst = std::max(worst, std::abs(out[0][c][n] - out[1][c][n]));
+        EXPECT_LT(worst, 1e-3f) << "channel " << c;
+    }
+
+    // The spectrum holds what was last analysed while the engine is bypassed without analysis.
+    const uint32_t length = TessalyGetSpectrumLength(quiet.get());
+    std::vector<float> left(length), right(length);
+    float* spectra[2] = {left.data(), right.data()};
+    auto peakHz = [&] {
+        TessalyGetIsolatedSpectrum(quiet.get(), spectra, int32_t(length));
+        return double(std::max_element(left.begin(), left.end()) - left.begin()) * rate /
+               (2.0 * length);
+    };
+    Channels low = makeChannels(2, 20000), high = makeChannels(2, 20000);
+    low[0] = low[1] = sines({1000.0}, 0.5, rate, 20000, 1);
+    high[0] = high[1] = sines({5000.0}, 0.5, rate, 20000, 2);
+    TessalySetBypass(quiet.get(), true);
+    TessalySetAnalysisWhileBypassed(quiet.get(), true);
+    run(quiet.get(), low);
+    EXPECT_NEAR(peakHz(), 1000.0, 11.0);
+    TessalySetAnalysisWhileBypassed(quiet.get(), false);
+    run(quiet.get(), high);
+    EXPECT_NEAR(peakHz(), 1000.0, 11.0);
+    TessalySetAnalysisWhileBypassed(quiet.get(), true);
+    run(quiet.get(), high);
+    EXPECT_NEAR(peakHz(), 5000.0, 11.0);
+}
+
 TEST(TessalyCoreTest, ThePowerSpreadFindsSourcesWhereTheyArePanned)
 {
     const double rate = 44100;
