@@ -182,14 +182,29 @@ Frame VellExtendedAudioFilePlayer::setReaderWithLeadIn(Frame frame)
         std::min<Frame>(kLeadInFramesAt44k * sampleRate() / 44100, 1 << 16));
     const bool reverse = mOutputAudioUnit->isReverse();
     frame = std::clamp<Frame>(frame, 0, std::max<Frame>(totalFrames() - 1, 0));
-    Frame room = reverse ? totalFrames() - 1 - frame : frame;
     if (isLooping()) {
-        // A looping reader never leaves its loop: the lead-in must lie within it too.
+        // A looping reader never leaves its loop. Within it, the music before the start frame
+        // is what the reader plays there anyway: read back from the start frame, wrapping
+        // from the loop's start to its end, so that a start on the loop's first frame (a
+        // count-in into a region) gets the loop's tail, as every later pass does.
         const auto [location, length] = loopRange();
-        if (frame >= location && frame < location + length) {
-            room = reverse ? location + length - 1 - frame : frame - location;
+        const Frame first = std::clamp<Frame>(location, 0, totalFrames());
+        const Frame end = length > totalFrames() - first
+                              ? totalFrames()
+                              : std::clamp<Frame>(location + length, first, totalFrames());
+        if (frame >= first && frame < end) {
+            const Frame loopLength = end - first;
+            const Frame lead = leadIn <= loopLength ? leadIn : 0;
+            // Frames into the loop in reading order, and where the lead-in starts.
+            const Frame into = reverse ? end - 1 - frame : frame - first;
+            const Frame wrapped = (into - lead + loopLength) % loopLength;
+            const Frame readerStart = reverse ? end - 1 - wrapped : first + wrapped;
+            mFileReader->setCurrentFrame(readerStart);
+            mOutputAudioUnit->setLeadInFrames(lead);
+            return readerStart;
         }
     }
+    const Frame room = reverse ? totalFrames() - 1 - frame : frame;
     const Frame lead = leadIn <= room ? leadIn : 0;
     mFileReader->setCurrentFrame(reverse ? frame + lead : frame - lead);
     mOutputAudioUnit->setLeadInFrames(lead);

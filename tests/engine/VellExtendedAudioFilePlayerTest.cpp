@@ -140,26 +140,37 @@ TEST(VellExtendedAudioFilePlayer, CountInKeepsTheMusicSilentUntilItsFrame)
     ScopedDefaults defaults;
     const Frame start = Frame(5 * kRate);
     const double speed = 0.5;
-    auto player = makePlayer(makeClickFile(kRate, Frame(10 * kRate), {start + Frame(kRate / 4)}));
-    ASSERT_TRUE(player);
-    player->setPlaybackSpeed(speed);
-    player->setCurrentFrame(start);
-    player->setPreroll(true);
-    player->setPrerollSampleStart(start - Frame(kRate)); // one second of the file's time
-    player->setPrerollLoopStart(start);
-    ASSERT_TRUE(player->beginOfflineRendering(512));
-    OfflineRender render;
-    ASSERT_TRUE(render.run(*player, std::size_t(kRate), 512));
-    EXPECT_TRUE(player->preroll());
-    EXPECT_EQ(player->outputAudioUnit().currentTrackedReadFrame(), start);
-    ASSERT_TRUE(render.run(*player, std::size_t(2 * kRate), 500)); // blocks straddle the end
-    player->endOfflineRendering();
-    EXPECT_FALSE(player->preroll());
-    const auto found = onsets(render.left);
-    ASSERT_EQ(found.size(), 1u);
-    // One second of file at half speed is two seconds of output, then the isolation latency.
-    const double expected = 1.25 * kRate / speed + double(player->processingLatency());
-    EXPECT_NEAR(found[0], expected, 0.0015 * kRate);
+    // Into plain playback, the click a quarter second in; into a loop, the click on the loop's
+    // first frame, which has no music before it inside the loop.
+    for (const bool looping : {false, true}) {
+        SCOPED_TRACE(looping ? "into a loop" : "into playback");
+        const Frame click = looping ? start : start + Frame(kRate / 4);
+        auto player = makePlayer(makeClickFile(kRate, Frame(10 * kRate), {click}));
+        ASSERT_TRUE(player);
+        player->setPlaybackSpeed(speed);
+        if (looping) {
+            player->enableLoopingInRange(start, Frame(2 * kRate));
+        }
+        player->setCurrentFrame(start);
+        player->setPreroll(true);
+        player->setPrerollSampleStart(start - Frame(kRate)); // one second of the file's time
+        player->setPrerollLoopStart(start);
+        ASSERT_TRUE(player->beginOfflineRendering(512));
+        OfflineRender render;
+        ASSERT_TRUE(render.run(*player, std::size_t(kRate), 512));
+        EXPECT_TRUE(player->preroll());
+        EXPECT_EQ(player->outputAudioUnit().currentTrackedReadFrame(), start);
+        ASSERT_TRUE(render.run(*player, std::size_t(2 * kRate), 500)); // blocks straddle the end
+        player->endOfflineRendering();
+        EXPECT_FALSE(player->preroll());
+        const auto found = onsets(render.left);
+        ASSERT_GE(found.size(), 1u);
+        // One second of file at half speed is two seconds of output, then the isolation latency.
+        const double fileSeconds = 1.0 + double(click - start) / kRate;
+        const double expected = fileSeconds * kRate / speed + double(player->processingLatency());
+        EXPECT_NEAR(found[0], expected, 0.0015 * kRate);
+        EXPECT_EQ(found.size(), 1u);
+    }
 }
 
 TEST(VellExtendedAudioFilePlayer, DegenerateSettingsNeitherSilenceNorBreakTheSound)
