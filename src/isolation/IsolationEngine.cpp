@@ -177,8 +177,8 @@ VELL_RT void IsolationEngine::processFrame() noexcept
     }
 
     // The frame is the newest kFftSize samples of the history. Statistics follow the input
-    // even while bypassed, so they are current when the mask comes back, unless nobody wants
-    // them then: they start afresh when the mask comes back.
+    // even while bypassed, so that they are current when the mask comes back; an engine told
+    // not to analyse while bypassed skips them and starts them afresh then.
     const bool analyse = !settings.bypass || mAnalyseBypassed.load();
     if (analyse) {
         for (int c = 0; c < mChannels; ++c) {
