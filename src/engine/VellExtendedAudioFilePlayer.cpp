@@ -168,10 +168,9 @@ bool VellExtendedAudioFilePlayer::startFilePlaying(Error* outError)
 Frame VellExtendedAudioFilePlayer::setReaderWithLeadIn(Frame frame)
 {
     // After a count-in the music comes in on a beat: its first transient must sound on time,
-    // which from a fresh start it does not (the stretcher has no audio before it to analyse).
-    // The lead-in is long enough for the analysis to reach back over a window of real audio at
-    // every level and sample rate. Near the file's edge there is none: it would start the
-    // stretcher at another place than the start frame.
+    // which from a fresh start it does not (the stretcher is still starting up there). The
+    // lead-in is long enough for the analysis to reach back over a window of audio at
+    // every level and sample rate.
     if (!preroll()) {
         mFileReader->setCurrentFrame(frame);
         mOutputAudioUnit->setLeadInFrames(0);
@@ -204,11 +203,12 @@ Frame VellExtendedAudioFilePlayer::setReaderWithLeadIn(Frame frame)
             return readerStart;
         }
     }
+    // Near the file's edge the lead-in runs on past it, as silence.
     const Frame room = reverse ? totalFrames() - 1 - frame : frame;
-    const Frame lead = leadIn <= room ? leadIn : 0;
-    mFileReader->setCurrentFrame(reverse ? frame + lead : frame - lead);
-    mOutputAudioUnit->setLeadInFrames(lead);
-    return reverse ? frame + lead : frame - lead;
+    const Frame fromFile = std::min(leadIn, room);
+    mFileReader->setCurrentFrame(reverse ? frame + fromFile : frame - fromFile);
+    mOutputAudioUnit->setLeadInFrames(leadIn, leadIn - fromFile);
+    return reverse ? frame + leadIn : frame - leadIn;
 }
 
 void VellExtendedAudioFilePlayer::stopFilePlaying()

@@ -438,6 +438,7 @@ void VellOutputAudioUnit::warmUpStretcher()
     const double rate = currentRate();
     const Frame leadIn = Frame(std::floor(double(mLeadInFrames) / rate)) / kLeadInBlockFrames *
                          kLeadInBlockFrames;
+    mSilenceLeft = leadIn > 0 ? mLeadInSilence : 0;
     for (Frame made = 0; made < leadIn;) {
         const auto n = UInt32(std::min<Frame>(leadIn - made, kWarmupFrames));
         DiracProcess(pointers.data(), long(n), mDirac);

@@ -175,8 +175,15 @@ public:
     /// File frames that the reader was set back (forward, reading in reverse) from the frame
     /// where playback starts: when rendering starts, the stretcher runs through them unheard, so
     /// that the music's first frames sound as they do in the middle of playback (a transient
-    /// on the start frame comes out on time). Thread: main, before start or offline rendering.
-    void setLeadInFrames(Frame frames) noexcept { mLeadInFrames = std::max<Frame>(frames, 0); }
+    /// on the start frame comes out on time). silentFrames of them lie past the file's edge
+    /// (before its start; after its end, reading in reverse): the reader stays at the edge and
+    /// the stretcher is given silence for them first. Thread: main, before start or offline
+    /// rendering.
+    void setLeadInFrames(Frame frames, Frame silentFrames = 0) noexcept
+    {
+        mLeadInFrames = std::max<Frame>(frames, 0);
+        mLeadInSilence = std::clamp<Frame>(silentFrames, 0, mLeadInFrames);
+    }
     /// The lead-in to ask for at the current rate: at least minimum file frames, walked over in
     /// a whole number of kLeadInBlockFrames output frames, so that the stretcher's hops fall on
     /// the music as they would had it started fresh at the start frame.
@@ -351,6 +358,10 @@ private:
     UInt32 mWarmupServed = 0;
     BRIXAudioFileReader* mFileReader = nullptr;
     Frame mLeadInFrames = 0;
+    Frame mLeadInSilence = 0;
+    /// Silence still to give the stretcher before the reader's frames: armed by
+    /// warmUpStretcher, which pulls all of it before rendering starts.
+    Frame mSilenceLeft = 0;
     /// Whether warmUpStretcher left the bookkeeping at the start frame (reading coordinates)
     /// with its carry, where a count-in then ends.
     bool mPrimed = false;

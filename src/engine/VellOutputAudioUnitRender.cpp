@@ -311,7 +311,8 @@ VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frame
         mSeenRestarts = restarts;
         mTrackerReverse = mReverse.load();
         mTracker.reset(
-            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse));
+            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse) -
+            mSilenceLeft);
         mConsumeCarry = 0;
         mDone.store(false);
         mEndOfStreamNotified = false;
@@ -326,6 +327,18 @@ VELL_RT long VellOutputAudioUnit::pullFileFrames(float** channelData, long frame
     // Pull in pieces that do not cross a jump of the reading frame (a loop's wrap), recording
     // each piece, so that the bookkeeping knows the file frame of every pulled frame.
     long pulled = 0;
+    if (mSilenceLeft > 0) {
+        // The part of a lead-in that lies past the file's edge, just before the reader's frame.
+        const Frame position =
+            toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse) -
+            mSilenceLeft;
+        pulled = long(std::min<Frame>(mSilenceLeft, frames));
+        for (UInt32 c = 0; c < channels; ++c) {
+            std::fill_n(channelData[c], pulled, 0.0f);
+        }
+        mTracker.record({position, position + Frame(pulled)});
+        mSilenceLeft -= pulled;
+    }
     while (pulled < frames) {
         const Frame position =
             toReading(BRIXAudioFileReaderGetCurrentFrame(mAudioBufferQueue), mTrackerReverse);
